@@ -1,0 +1,26 @@
+# Libraries, headers, the CMake package and the pkg-config file.
+
+include(CMakePackageConfigHelpers)
+
+set(package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/vrxutil")
+
+install(TARGETS vrxutil vrxcomn EXPORT vrxutilTargets
+  LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}")
+install(DIRECTORY include/vrxutil DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
+install(DIRECTORY platform/vrxcomn/include/vrxcomn DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
+
+install(EXPORT vrxutilTargets NAMESPACE vrxutil:: DESTINATION "${package_dir}")
+configure_package_config_file(cmake/vrxutilConfig.cmake.in vrxutilConfig.cmake
+  INSTALL_DESTINATION "${package_dir}")
+write_basic_package_version_file(vrxutilConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES
+  "${CMAKE_CURRENT_BINARY_DIR}/vrxutilConfig.cmake"
+  "${CMAKE_CURRENT_BINARY_DIR}/vrxutilConfigVersion.cmake"
+  DESTINATION "${package_dir}")
+
+# Relative, so that the installed tree can be moved.
+file(RELATIVE_PATH pc_to_prefix "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
+string(REGEX REPLACE "/$" "" pc_to_prefix "${pc_to_prefix}")
+configure_file(cmake/vrxutil.pc.in vrxutil.pc @ONLY)
+install(FILES "${CMAKE_CURRENT_BINARY_DIR}/vrxutil.pc"
+  DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")

@@ -1,0 +1,314 @@
+// Wide text: AString and its field descriptor AFormat, narrow copies for calls
+// into the operating system, lists joined by separators, cutting text in parts.
+//
+// One wchar_t is one UTF-32 character; lengths count characters, not bytes.
+// Narrow text is in the encoding of the C locale (POSIX mbstowcs, wcrtomb),
+// which this library never sets. A null wchar_t const* or char const* stands
+// for the text "(null)" wherever nothing else is said.
+// Errors: only std::bad_alloc (and std::length_error beyond max_size()) is
+// thrown. A conversion that fails is logged under "String" and leaves the text
+// empty or shorter.
+// Threads: const members may run at once; the others need the object alone.
+//
+// Calls that do not compile, or surprise, and what to write instead:
+//   AString(5u), AString(5ll)        ambiguous: cast to unsigned long or long
+//   text = 5, text = 0, AString(0)   ambiguous (also a null pointer): 5L, 0L
+//   AString(nullptr)                 ambiguous: cast to the pointer that is meant
+//   AString(static_cast<unsigned char>(65)) is "65", not "A": cast to char
+//   AString(2.5)                     ambiguous: there is no form for fractions
+//   a == b of two AString            compares addresses: wcscmp(a, b) == 0
+//   AStringList << 5000000000L       narrows to int: append to an AString first
+
+#pragma once
+
+#include <vrxutil/export.h>
+#include <wctype.h>  // towlower, towupper
+
+#include <string>
+
+/// One formatted field: a number or a text, with printf's width and precision.
+///
+/// It borrows text and flags, which must outlive it; it is built just before
+/// use, as in `line << AFormat(255, L"x0", 4)`, which appends "00ff".
+///
+/// Flags, in any order:
+///   '0'  fill with zeros             '-'  pad on the right
+///   'u'  unsigned decimal            'x'  hexadecimal (the last of u, x wins)
+///   '^'  upper case                  '_'  lower case ('^' wins)
+/// Any other character is logged as an internal error under "String" and skipped.
+///
+/// A number that fits in 32 bits (signed for decimal, -2^31 to 2^32-1 for u and
+/// x) prints as a 32-bit number does: -1 with "x" is "ffffffff". A wider one
+/// prints in full. A number field is cut after 34 characters.
+struct VRXUTIL_EXPORT AFormat {
+  /// The decimal number `number`. `flags` must not be null; `width` -1 is none.
+  AFormat(long number, wchar_t const* flags, int width) noexcept;
+
+  /// The text `text`, cut to `precision` characters. Neither `text` nor `flags`
+  /// may be null; -1 means no width, no precision.
+  AFormat(wchar_t const* text, wchar_t const* flags, int width, int precision) noexcept;
+
+  /// The one slot for what is formatted; `isNumber` says which.
+  union Value {
+    long number;
+    wchar_t const* text;
+  };
+
+  Value value;
+  wchar_t const* flags;
+  /// Minimum field width in characters; -1 is none. Another negative width
+  /// stands in the printf specification as it is: pad on the right to its size.
+  int width;
+  /// Digits at least, or characters at most, as for printf; -1 is none.
+  int precision;
+  /// 1 for a number, 0 for a text.
+  int isNumber;
+};
+
+/// Text of 32-bit characters, copied by value.
+///
+/// Construction, operator= and operator<< of one argument type produce the same
+/// text: the first starts from it, the second replaces the value, the third
+/// appends. All return the object, so that calls chain:
+/// `AString(L"line ") << 7L << L": " << narrowName`.
+class VRXUTIL_EXPORT AString {
+public:
+  /// Orders by wcscmp, for ordered containers.
+  struct VRXUTIL_EXPORT CaseSensitiveLess {
+    bool operator()(AString const& a, AString const& b) const;
+  };
+
+  /// Orders by wcsicmp, for ordered containers.
+  struct VRXUTIL_EXPORT CaseInsensitiveLess {
+    bool operator()(AString const& a, AString const& b) const;
+  };
+
+  AString() = default;
+  AString(std::wstring const& text);
+  AString(wchar_t const* text);
+  /// Converts from the C locale. An invalid multibyte sequence logs one error
+  /// and contributes nothing.
+  AString(char const* text);
+  AString(wchar_t character);
+  /// The character that convertOne() gives for the byte; 0 after its error.
+  AString(char byte);
+  /// Signed decimal.
+  AString(long number);
+  AString(int number);
+  /// Unsigned decimal.
+  AString(unsigned long number);
+  /// Exactly eight lower-case hexadecimal digits, no "0x": the low 32 bits.
+  AString(void* pointer);
+  AString(AFormat const& field);
+
+  AString& operator=(wchar_t const* text);
+  AString& operator=(char const* text);
+  AString& operator=(wchar_t character);
+  AString& operator=(char byte);
+  AString& operator=(long number);
+  AString& operator=(unsigned long number);
+  AString& operator=(void* pointer);
+  AString& operator=(AFormat const& field);
+
+  AString& operator<<(wchar_t const* text);
+  AString& operator<<(char const* text);
+  AString& operator<<(wchar_t character);
+  AString& operator<<(char byte);
+  AString& operator<<(long number);
+  AString& operator<<(int number);
+  AString& operator<<(unsigned long number);
+  AString& operator<<(void* pointer);
+  AString& operator<<(AFormat const& field);
+
+  /// The characters and a terminating NUL. A NUL inside the value ends what a
+  /// reader of this pointer sees. Valid until the value changes.
+  operator wchar_t const*() const { return value_.c_str(); }
+
+  /// Number of characters, those after a NUL in the value included.
+  unsigned long size() const { return value_.size(); }
+
+  /// atoi of the narrow text: leading blanks, a sign, decimal digits up to the
+  /// first other character; 0 where there is no number. Nothing is reported.
+  /// Beyond the range of int the value is that of the C library.
+  int toInt() const;
+
+  std::wstring& cpp_str() { return value_; }
+
+  std::wstring const& const_cpp_str() const { return value_; }
+
+  /// Replaces each occurrence of `find`, from left to right; what was inserted
+  /// is not searched again. An empty `find` changes nothing. Linear in time.
+  void findAndReplace(AString const& find, AString const& replacement);
+
+  /// Cuts the text to `length` characters; a shorter text stays as it is.
+  void shrinkTo(unsigned long length);
+
+  /// A raw buffer for a platform call that writes text into caller's memory:
+  /// room for `length` characters, among them a terminating NUL that the call
+  /// must write, followed by a guard. checkAllocation() ends the use.
+  /// A negative `length` logs an error under "String" and returns the unchanged
+  /// buffer.
+  wchar_t* allocate(int length);
+
+  /// After allocate(): cuts the value at its first NUL and returns true. False,
+  /// with an internal error under "String" and the value left as it is, when
+  /// the guard was overwritten.
+  bool checkAllocation();
+
+  /// Replaces the value with the formatted field; returns its characters.
+  wchar_t const* execute(AFormat const& field);
+
+  /// Formats the value itself as a text field, for padding and case:
+  /// `text.format(L"-", 20, -1)` pads on the right to 20 characters.
+  wchar_t const* format(AString const& flags, int width, int precision);
+
+  /// Converts `count` characters of the multibyte text `source` to
+  /// `target + offset`, which must have room for them. Writes a terminator only
+  /// where mbstowcs does. A failure is logged under "String".
+  static void convert(char const* source, wchar_t* target, int offset, int count);
+
+private:
+  std::wstring value_;
+};
+
+/// A short-lived narrow copy of a text, for a call into the operating system.
+///
+/// A character that the C locale cannot express becomes "?"; nothing is logged.
+class VRXUTIL_EXPORT ACharString {
+public:
+  /// An empty text.
+  ACharString();
+
+  /// `text` in the encoding of the C locale. Null is an empty text here.
+  ACharString(wchar_t const* text);
+
+  /// A copy of `sizeInBytes` bytes, NUL bytes included, and a NUL. Where `bytes`
+  /// is null the buffer is left uninitialised, not even terminated: it is the
+  /// caller's to fill.
+  ACharString(char const* bytes, int sizeInBytes);
+
+  ~ACharString();
+  ACharString(ACharString const&) = delete;
+  ACharString& operator=(ACharString const&) = delete;
+
+  operator char const*() const { return buffer; }
+
+  /// Number of bytes before the terminating NUL.
+  int size() const { return length; }
+
+private:
+  char* buffer;
+  int length;
+};
+
+/// Builds one text out of items with a separator between or after them.
+class VRXUTIL_EXPORT AStringList {
+public:
+  /// With `afterEach` every item is followed by the separator, the last one
+  /// too; without it, separators stand between items only.
+  AStringList(wchar_t const* itemSeparator, bool afterEach);
+
+  /// Empties the list; the next item is the first again.
+  void clear();
+
+  /// Appends one item, converted as AString's operator<< converts it.
+  AStringList& operator<<(wchar_t const* item);
+  AStringList& operator<<(char const* item);
+  AStringList& operator<<(int item);
+  AStringList& operator<<(void* item);
+  AStringList& operator<<(AFormat const& item);
+
+  operator wchar_t const*() const { return text; }
+
+  /// What goes before and after the next item, which counts as added with this
+  /// call. The texts are valid as long as the list.
+  void setup(wchar_t const** before, wchar_t const** after);
+
+private:
+  template <class Item>
+  AStringList& add(Item const& item);
+
+  AString spare;  // unused; keeps the documented layout
+  AString text;
+  AString separator;
+  bool separatorAfterEach;
+  int atFirst;
+};
+
+/// Cuts a text into tokens at delimiter characters, from left to right.
+class VRXUTIL_EXPORT AStringParser {
+public:
+  /// An empty text without delimiters.
+  AStringParser();
+
+  /// Copies `text`, up to its NUL. Keeps the pointer `defaultDelimiters`, whose
+  /// characters must outlive the parser; null is an empty set.
+  AStringParser(wchar_t const* text, wchar_t const* defaultDelimiters);
+  AStringParser(AStringParser const&) = delete;
+  AStringParser& operator=(AStringParser const&) = delete;
+
+  /// Starts afresh, as the constructor of these arguments does.
+  void startAt(wchar_t const* text, wchar_t const* defaultDelimiters);
+
+  /// The characters up to the next delimiter, which is taken off the text and
+  /// kept in `lastDelimiter`. Adjacent delimiters give empty tokens; at the end
+  /// of the text the token is the rest and `lastDelimiter` 0. A null
+  /// `tokenDelimiters` means the default set. The token is the caller's to
+  /// change, in place, until startAt() or the parser's end.
+  wchar_t* get(wchar_t const* tokenDelimiters);
+
+  /// Moves past any run of the given characters; null is an empty set.
+  void skip(wchar_t const* characters);
+
+  /// Moves `count` characters on, at most to the end; 0 or less does nothing.
+  void skip(int count);
+
+  /// True when nothing is left to parse.
+  bool atEnd();
+
+  /// What is left to parse.
+  wchar_t* getRemaining();
+
+private:
+  AString work;
+  wchar_t* cursor;
+  wchar_t const* delimiters;
+
+public:
+  /// The delimiter that ended the last token; 0 when that ran to the end.
+  wchar_t lastDelimiter;
+};
+
+/// Compares without regard to case, folded to upper case by towupper; negative,
+/// 0 or positive as a sorts before, with or after b. Neither may be null.
+VRXUTIL_EXPORT int wcsicmp(wchar_t const* a, wchar_t const* b);
+
+/// Number of wide characters that `text` converts to, terminator not counted.
+/// An invalid multibyte sequence is logged under "String" and gives 0.
+VRXUTIL_EXPORT unsigned long conversionSpaceRequired(char const* text);
+
+/// The wide character for one byte. A byte that is no character on its own,
+/// NUL included, is logged under "String" and gives 0.
+VRXUTIL_EXPORT wchar_t convertOne(char byte);
+
+/// Number of bytes, terminator included, that convert() writes for `text`.
+VRXUTIL_EXPORT int conversionSpaceRequired(wchar_t const* text);
+
+/// Writes `text` and a NUL to `target`, in the encoding of the C locale. A
+/// character without an expression there becomes "?".
+VRXUTIL_EXPORT void convert(wchar_t const* text, char* target);
+
+/// `size` chars from array new; the caller owns them.
+VRXUTIL_EXPORT char* checkNewChar(int size);
+
+/// Splits `text` at the first character that is in `delimiters`, which belongs
+/// to neither side. Without one, `left` is the whole text and `right` empty.
+/// Either output may be null.
+VRXUTIL_EXPORT void parseInTwo(wchar_t const* text, AString* left, wchar_t const* delimiters,
+                               AString* right);
+
+/// As parseInTwo, at the last such character. Without one the whole text goes
+/// to `left` if `wholeToLeft`, else to `right`, and the other is empty.
+VRXUTIL_EXPORT void parseInTwoFromRight(wchar_t const* text, AString* left,
+                                        wchar_t const* delimiters, AString* right,
+                                        bool wholeToLeft);

@@ -1,0 +1,398 @@
+#include "platform/common/file_io.h"
+
+#include "platform/common/error_text.h"
+#include "platform/common/utf8.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <cstdint>
+#include <cstdio>
+#include <ctime>
+#include <cwchar>
+#include <span>
+#include <utility>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace vrxutil::detail {
+
+namespace {
+
+using Failure = std::optional<FileError>;
+
+/// What errno says of the call before.
+FileError lastError(char const* action, std::string const& path) {
+  int const number = errno;
+  return {action, path, number};
+}
+
+constexpr auto kInvalidSize = static_cast<std::size_t>(-1);  // of wcrtomb
+constexpr std::size_t kFirstRead = 16384;
+constexpr int kMaxLinks = 40;  // as many as the kernel follows
+constexpr mode_t kNewFileMode = 0666;
+constexpr mode_t kPrivateMode = 0600;
+constexpr mode_t kAllModeBits = 07777;
+constexpr mode_t kPermissionBits = 0777;
+
+/// Calls `function` again for as long as signals interrupt it.
+template <class Function>
+auto uninterrupted(Function function) {
+  while (true) {
+    auto const result = function();
+    if (result >= 0 || errno != EINTR) return result;
+  }
+}
+
+Descriptor openFile(std::string const& path, int flags, mode_t mode = 0) {
+  return Descriptor(uninterrupted([&] { return ::open(path.c_str(), flags | O_CLOEXEC, mode); }));
+}
+
+/// Opens a file that may be a FIFO or a device, without waiting for anybody at
+/// the other end; what follows does wait.
+Descriptor openWithoutWaiting(std::string const& path, int flags) {
+  Descriptor file = openFile(path, flags | O_NOCTTY | O_NONBLOCK);
+  // A regular file that another process holds a lease on: the kernel has asked
+  // it to give way, and bounds the time that this may take (fcntl(2), F_SETLEASE).
+  if (!file && errno == EWOULDBLOCK) return openFile(path, flags | O_NOCTTY);
+  if (!file) return file;
+  int const status = ::fcntl(file.get(), F_GETFL);
+  if (status < 0 || ::fcntl(file.get(), F_SETFL, status & ~O_NONBLOCK) < 0) return Descriptor();
+  return file;
+}
+
+Failure readToEnd(Descriptor const& file, std::string const& path, std::size_t expected,
+                  std::size_t limit, std::string& bytes) {
+  limit = std::min(limit, bytes.max_size() - 1);
+  // One byte more than expected: the end shows without growing once more.
+  bytes.resize(std::min(std::max(expected, kFirstRead), limit) + 1);
+  std::size_t count = 0;
+  while (true) {
+    ssize_t const size = uninterrupted(
+        [&] { return ::read(file.get(), bytes.data() + count, bytes.size() - count); });
+    if (size < 0) return lastError("read", path);
+    if (size == 0) break;
+    count += static_cast<std::size_t>(size);
+    if (count > limit) return FileError{"read", path, EFBIG};
+    if (count == bytes.size()) bytes.resize(std::min(2 * count, limit) + 1);
+  }
+  bytes.resize(count);
+  return std::nullopt;
+}
+
+/// Keeps the signals that a failing write raises from the process, which they
+/// would end: SIGPIPE and, at the limit of a file's size, SIGXFSZ.
+class WriteSignalsBlocked {
+public:
+  WriteSignalsBlocked() {
+    sigset_t signals;
+    ::sigemptyset(&signals);
+    for (int const number : kSignals) ::sigaddset(&signals, number);
+    ::sigemptyset(&foreign_);
+    ::sigpending(&foreign_);
+    ::pthread_sigmask(SIG_BLOCK, &signals, &before_);
+  }
+
+  ~WriteSignalsBlocked() {
+    int const errorNumber = errno;
+    for (int const number : kSignals) {
+      if (::sigismember(&foreign_, number) != 1) take(number);
+    }
+    ::pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+    errno = errorNumber;
+  }
+
+  WriteSignalsBlocked(WriteSignalsBlocked const&) = delete;
+  WriteSignalsBlocked& operator=(WriteSignalsBlocked const&) = delete;
+
+private:
+  static constexpr std::array kSignals{SIGPIPE, SIGXFSZ};
+
+  /// Consumes a signal, if it is pending.
+  static void take(int number) {
+    sigset_t signal;
+    ::sigemptyset(&signal);
+    ::sigaddset(&signal, number);
+#ifdef __APPLE__  // has no sigtimedwait
+    sigset_t pending;
+    ::sigemptyset(&pending);
+    ::sigpending(&pending);
+    if (::sigismember(&pending, number) == 1) ::sigwait(&signal, &number);
+#else
+    timespec const noTime{};
+    uninterrupted([&] { return ::sigtimedwait(&signal, nullptr, &noTime); });
+#endif
+  }
+
+  sigset_t foreign_;  // pending before, for others to take
+  sigset_t before_;
+};
+
+/// False with errno set. A write that takes fewer bytes is followed by another.
+bool writeAll(int fd, std::string_view bytes) {
+  WriteSignalsBlocked const blocked;
+  while (!bytes.empty()) {
+    ssize_t const size = uninterrupted([&] { return ::write(fd, bytes.data(), bytes.size()); });
+    if (size < 0) return false;
+    bytes.remove_prefix(static_cast<std::size_t>(size));
+  }
+  return true;
+}
+
+/// False with errno set.
+bool flush(int fd) {
+#ifdef F_FULLFSYNC
+  // fsync leaves the bytes in the drive's own memory on such hosts. File systems
+  // that cannot do better refuse this.
+  if (::fcntl(fd, F_FULLFSYNC) == 0) return true;
+#endif
+  return uninterrupted([&] { return ::fsync(fd); }) == 0;
+}
+
+/// The folder that holds `path`, with its final "/", or "" for the current one.
+std::string_view folderOf(std::string_view path) { return path.substr(0, path.rfind('/') + 1); }
+
+/// Follows the symbolic link that `path` may be, and those that it leads to;
+/// the last one need not lead to anything. Replaces `path`.
+Failure followLinks(std::string& path) {
+  std::string const start = path;
+  for (int links = 0; links < kMaxLinks; ++links) {
+    std::array<char, PATH_MAX> target;
+    ssize_t const size = ::readlink(path.c_str(), target.data(), target.size());
+    if (size < 0 && (errno == EINVAL || errno == ENOENT)) return std::nullopt;  // no link
+    if (size < 0) return lastError("follow", start);
+    std::string_view const text(target.data(), static_cast<std::size_t>(size));
+    if (text.size() == target.size()) return FileError{"follow", start, ENAMETOOLONG};
+    path = text.starts_with('/') ? std::string(text) : std::string(folderOf(path)).append(text);
+  }
+  return FileError{"follow", start, ELOOP};
+}
+
+/// Fills `name` with letters and digits that nobody can guess; false with errno
+/// set.
+bool makeUnpredictable(std::span<char> name) {
+  constexpr std::string_view kDigits = "abcdefghijklmnopqrstuvwxyz012345";
+  static_assert(kDigits.size() == 32);
+  if (::getentropy(name.data(), name.size()) != 0) return false;
+  for (char& c : name) c = kDigits[static_cast<unsigned char>(c) % kDigits.size()];
+  return true;
+}
+
+/// A new file beside one that it is to replace; removed at the end of its scope
+/// unless it has.
+class Neighbour {
+public:
+  Neighbour() = default;
+
+  ~Neighbour() {
+    if (!path_.empty()) ::unlink(path_.c_str());  // nobody is left to hear of a failure
+  }
+
+  Neighbour(Neighbour const&) = delete;
+  Neighbour& operator=(Neighbour const&) = delete;
+
+  int get() const { return file_.get(); }
+
+  /// False with errno set.
+  bool create(std::string const& target, mode_t mode);
+
+  bool close() { return file_.close(); }
+
+  /// False with errno set.
+  bool rename(std::string const& target);
+
+private:
+  std::string path_;
+  Descriptor file_;
+};
+
+bool Neighbour::create(std::string const& target, mode_t mode) {
+  // A name of constant length: one made from the target's could be too long.
+  std::array<char, 16> random;
+  if (!makeUnpredictable(random)) return false;
+  std::string path(folderOf(target));
+  path.append(".vrxutil-").append(random.data(), random.size());
+  file_ = openFile(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, mode);
+  if (file_) path_ = std::move(path);
+  return static_cast<bool>(file_);
+}
+
+bool Neighbour::rename(std::string const& target) {
+  if (std::rename(path_.c_str(), target.c_str()) != 0) return false;
+  path_.clear();
+  return true;
+}
+
+/// Whether a change of owner failed for want of a right to it, or of a name for
+/// the owner in this user namespace.
+bool isNotAllowed(int number) { return number == EPERM || number == EINVAL; }
+
+/// Gives a file the owner, group and mode of the one that it replaces. False
+/// with errno set.
+bool takeOver(int fd, struct stat const& old) {
+  struct stat now {};
+
+  if (::fstat(fd, &now) != 0) return false;
+  mode_t mode = old.st_mode & kAllModeBits;
+  if (now.st_uid != old.st_uid || now.st_gid != old.st_gid) {
+    // The owner first: a change of owner clears set-id bits. Where the owner
+    // cannot be kept, perhaps the group can.
+    if (::fchown(fd, old.st_uid, old.st_gid) != 0) {
+      if (!isNotAllowed(errno)) return false;
+      mode &= kPermissionBits;
+      if (::fchown(fd, static_cast<uid_t>(-1), old.st_gid) != 0 && !isNotAllowed(errno))
+        return false;
+    }
+  }
+  // File systems without modes refuse to change them, and need no change.
+  return (now.st_mode & kAllModeBits) == mode || ::fchmod(fd, mode) == 0;
+}
+
+/// Opens the folder of `target`, so that what happens to its names can be
+/// flushed. One that may be changed but not read cannot be: then `folder` is none.
+Failure openFolder(std::string const& target, Descriptor& folder) {
+  std::string_view const name = folderOf(target);
+  folder = openFile(name.empty() ? "." : std::string(name), O_RDONLY | O_DIRECTORY);
+  if (folder || errno == EACCES) return std::nullopt;
+  return lastError("open the folder of", target);
+}
+
+/// Replaces a regular file that is like `old`, or makes one where that is null.
+Failure replaceRegular(std::string const& target, std::string_view bytes, struct stat const* old) {
+  Descriptor folder;
+  if (Failure failure = openFolder(target, folder)) return failure;
+  Neighbour neighbour;
+  if (!neighbour.create(target, old == nullptr ? kNewFileMode : kPrivateMode)) {
+    return lastError("create a temporary file beside", target);
+  }
+  if (!writeAll(neighbour.get(), bytes)) return lastError("write", target);
+  // After the writing, which clears set-id bits as well.
+  if (old != nullptr && !takeOver(neighbour.get(), *old)) {
+    return lastError("keep the owner and mode of", target);
+  }
+  if (!flush(neighbour.get())) return lastError("flush", target);
+  if (!neighbour.close()) return lastError("close", target);
+  if (!neighbour.rename(target)) return lastError("replace", target);
+  // EINVAL: this file system does not flush folders (fsync(2)).
+  if (!folder || flush(folder.get()) || errno == EINVAL) return std::nullopt;
+  return lastError("flush the folder of", target);
+}
+
+Failure writeInPlace(std::string const& path, std::string_view bytes) {
+  Descriptor file = openWithoutWaiting(path, O_WRONLY);
+  if (!file) return lastError("open", path);
+  if (!writeAll(file.get(), bytes)) return lastError("write", path);
+  if (!file.close()) return lastError("close", path);
+  return std::nullopt;
+}
+
+bool isFolder(std::string const& path) {
+  struct stat status {};
+
+  return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+/// Makes one folder; false with errno set.
+bool makeFolder(std::string const& path, mode_t mode) {
+  if (isFolder(path) || ::mkdir(path.c_str(), mode) == 0) return true;
+  int const number = errno;
+  if (number == EEXIST && isFolder(path)) return true;  // another was faster
+  errno = number;
+  return false;
+}
+
+}  // namespace
+
+std::string describe(FileError const& error) {
+  return std::string("cannot ") + error.action + ' ' + error.path + ": " + errorText(error.number);
+}
+
+Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
+  if (this != &other) {
+    close();
+    fd_ = other.release();
+  }
+  return *this;
+}
+
+int Descriptor::release() noexcept { return std::exchange(fd_, -1); }
+
+bool Descriptor::close() noexcept {
+  int const fd = release();
+  // Not retried on EINTR: the descriptor is closed, and may be another's by then.
+  return fd < 0 || ::close(fd) == 0 || errno == EINTR;
+}
+
+std::optional<std::string> narrowFileName(std::wstring_view fileName) {
+  std::string name;
+  std::mbstate_t state{};
+  std::array<char, MB_LEN_MAX> buffer;
+  for (wchar_t const c : fileName) {
+    std::size_t const size = c == L'\0' ? kInvalidSize : std::wcrtomb(buffer.data(), c, &state);
+    if (size == kInvalidSize) return std::nullopt;
+    name.append(buffer.data(), size);
+  }
+  // Encodings with states end in the first one, by bytes before the NUL.
+  std::size_t const size = std::wcrtomb(buffer.data(), L'\0', &state);
+  name.append(buffer.data(), size - 1);
+  return name;
+}
+
+std::wstring wideMessage(std::string_view text) {
+  std::wstring wide;
+  std::mbstate_t state{};
+  while (!text.empty()) {
+    wchar_t c = L'\0';
+    std::size_t size = std::mbrtowc(&c, text.data(), text.size(), &state);
+    if (size > text.size()) {  // -1 or -2: invalid, or cut
+      c = kReplacementCharacter;
+      size = 1;
+      state = {};
+    }
+    wide += c;
+    text.remove_prefix(std::max<std::size_t>(size, 1));  // 0 stands for a NUL
+  }
+  return wide;
+}
+
+Failure readFile(std::string const& path, std::size_t limit, std::string& bytes) {
+  Descriptor const file = openWithoutWaiting(path, O_RDONLY);
+  if (!file) return lastError("open", path);
+
+  struct stat status {};
+
+  if (::fstat(file.get(), &status) != 0) return lastError("read", path);
+  if (S_ISDIR(status.st_mode)) return FileError{"read", path, EISDIR};
+  auto const size = S_ISREG(status.st_mode) ? static_cast<std::uintmax_t>(status.st_size) : 0;
+  if (size > limit) return FileError{"read", path, EFBIG};
+  return readToEnd(file, path, static_cast<std::size_t>(size), limit, bytes);
+}
+
+Failure replaceFile(std::string const& path, std::string_view bytes) {
+  struct stat old {};
+
+  bool const exists = ::stat(path.c_str(), &old) == 0;
+  if (!exists && (errno != ENOENT || path.empty())) return lastError("open", path);
+  if (exists && S_ISDIR(old.st_mode)) return FileError{"write", path, EISDIR};
+  if (exists && !S_ISREG(old.st_mode)) return writeInPlace(path, bytes);
+  std::string target = path;
+  if (Failure failure = followLinks(target)) return failure;
+  return replaceRegular(target, bytes, exists ? &old : nullptr);
+}
+
+Failure makeFolders(std::string const& path, unsigned mode) {
+  std::size_t end = 0;
+  do {
+    end = path.find('/', path.find_first_not_of('/', end));
+    std::string const folder = path.substr(0, end);
+    if (!makeFolder(folder, static_cast<mode_t>(mode))) return lastError("make", folder);
+  } while (end < path.size());
+  return std::nullopt;
+}
+
+}  // namespace vrxutil::detail

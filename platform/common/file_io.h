@@ -1,0 +1,85 @@
+// Whole files: reading, and replacing so that a crash leaves the old one or the
+// new one.
+//
+// The platform libraries' own; not installed. Nothing is logged: a failure is a
+// value that says which call failed on what. Only std::bad_alloc is thrown.
+// Threads: all functions may run anywhere, on the same file too; of several that
+// replace a file at once one wins, and no reader sees a mixture.
+
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace vrxutil::detail {
+
+/// A failed operation: what was done to which file, and errno.
+struct FileError {
+  char const* action;  // "open", "write", ...: fits "cannot ACTION PATH: REASON"
+  std::string path;
+  int number;  // errno
+};
+
+/// "cannot ACTION PATH: REASON", with the text of strerror.
+std::string describe(FileError const& error);
+
+/// A file descriptor, closed at the end of its scope.
+class Descriptor {
+public:
+  explicit Descriptor(int fd = -1) noexcept : fd_(fd) {}
+
+  ~Descriptor() { close(); }
+
+  Descriptor(Descriptor&& other) noexcept : fd_(other.release()) {}
+
+  Descriptor& operator=(Descriptor&& other) noexcept;
+
+  int get() const noexcept { return fd_; }
+
+  explicit operator bool() const noexcept { return fd_ >= 0; }
+
+  int release() noexcept;
+
+  /// Closes now; false with errno set where close(2) fails. Closed either way.
+  bool close() noexcept;
+
+private:
+  int fd_;
+};
+
+/// `fileName` in the C locale's encoding; nothing where it has a character that
+/// the encoding lacks, or a NUL.
+std::optional<std::string> narrowFileName(std::wstring_view fileName);
+
+/// The reverse, for messages: `text` from the C locale's encoding, with U+FFFD
+/// for each byte that means nothing in it.
+std::wstring wideMessage(std::string_view text);
+
+/// Reads a whole file, up to `limit` bytes (EFBIG beyond it; `bytes` is then, as
+/// after any failure, unspecified). A folder is EISDIR. A FIFO without a writer
+/// reads as empty; it is not waited for. One with writers is read until the last
+/// of them closes it.
+std::optional<FileError> readFile(std::string const& path, std::size_t limit, std::string& bytes);
+
+/// Replaces the contents of a file, or makes it.
+///
+/// A regular file is replaced by renaming a neighbour over it that has been
+/// flushed to disk, with the old one's mode and, where allowed, owner and group;
+/// where they are not, it loses its set-id bits. A new file gets 0666 less the
+/// umask. A symbolic link is followed and its target replaced, or made. After a
+/// failure there is the old file, or still none, and no neighbour; only "flush
+/// the folder of" comes when the new file is in place, though not safely so.
+///
+/// What is no regular file is written in place: a FIFO without a reader is
+/// ENXIO, one whose reader leaves is EPIPE. A folder is EISDIR. Neither SIGPIPE
+/// nor SIGXFSZ reaches the process.
+std::optional<FileError> replaceFile(std::string const& path, std::string_view bytes);
+
+/// Makes a folder and those above it that are missing, with `mode` less the
+/// umask. A folder that exists, or a link to one, is a success; anything else in
+/// the way is EEXIST.
+std::optional<FileError> makeFolders(std::string const& path, unsigned mode);
+
+}  // namespace vrxutil::detail

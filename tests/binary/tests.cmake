@@ -1,0 +1,2 @@
+vrxutil_test(binary buffer_test)
+vrxutil_test(binary byte_order_test ${CMAKE_DL_LIBS})

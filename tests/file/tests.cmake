@@ -1,0 +1,1 @@
+vrxutil_test(file path_test)

@@ -1,0 +1,41 @@
+#include "tests/support/temporary_folder.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+
+namespace vrxutil::test {
+
+TemporaryFolder::TemporaryFolder() {
+  std::string name = (std::filesystem::temp_directory_path() / "vrxutil-test-XXXXXX").string();
+  if (::mkdtemp(name.data()) == nullptr) throw std::runtime_error("cannot make " + name);
+  path_ = name;
+}
+
+TemporaryFolder::~TemporaryFolder() {
+  std::error_code ignored;  // a test that leaves a busy folder has failed already
+  std::filesystem::remove_all(path_, ignored);
+}
+
+std::wstring TemporaryFolder::wide(std::string const& name) const {
+  std::string const narrow = *this / name;
+  return {narrow.begin(), narrow.end()};  // ASCII
+}
+
+std::string fileBytes(std::string const& path) {
+  std::ifstream file(path, std::ios::binary);
+  EXPECT_TRUE(file.is_open()) << "cannot open " << path;
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void makeFile(std::string const& path, std::string const& bytes) {
+  std::ofstream file(path, std::ios::binary);
+  file << bytes << std::flush;
+  EXPECT_TRUE(file.good()) << "cannot write " << path;
+}
+
+}  // namespace vrxutil::test

@@ -1,0 +1,1 @@
+vrxutil_test(system crypt_wrap_test)

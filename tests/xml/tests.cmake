@@ -1,0 +1,8 @@
+vrxutil_test(xml xml_document_test)
+vrxutil_test(xml xml_file_loading_test)
+vrxutil_test(xml xml_file_writing_test)
+vrxutil_test(xml xml_hostile_input_test)
+vrxutil_test(xml xml_index_test)
+vrxutil_test(xml xml_node_test)
+vrxutil_test(xml xml_parser_test)
+vrxutil_test(xml xml_random_tree_test)
