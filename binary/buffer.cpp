@@ -22,8 +22,8 @@ bool tryTo(unsigned long size, Resize resize) {
     resize();
     return true;
   } catch (std::exception const& failure) {
-    logError(kGroup, AString(L"Exception ") << failure.what() << L" trying to allocate " << size
-                                            << L" bytes");
+    logError(kGroup, AString(L"Exception ")
+                         << failure.what() << L" trying to allocate " << size << L" bytes");
     return false;
   }
 }
@@ -32,8 +32,7 @@ bool tryTo(unsigned long size, Resize resize) {
 
 ABuffer::ABuffer(char const* text) : bytes_(text != nullptr ? text : "") {}
 
-ABuffer::ABuffer(unsigned long size, unsigned char const* source)
-    : bytes_(bytesOf(size, source)) {}
+ABuffer::ABuffer(unsigned long size, unsigned char const* source) : bytes_(bytesOf(size, source)) {}
 
 ABuffer::ABuffer(std::string const& bytes) : bytes_(bytes) {}
 

@@ -1,6 +1,7 @@
 #include "text/conversion.h"
 
 #include "platform/common/ascii.h"
+
 #include <vrxutil/log.h>
 #include <vrxutil/text.h>
 

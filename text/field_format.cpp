@@ -30,15 +30,24 @@ Flags parseFlags(wchar_t const* characters) {
   Flags flags;
   for (; *characters != 0; ++characters) {
     switch (*characters) {
-      case L'_': flags.lower = true; break;
-      case L'^': flags.upper = true; break;
-      case L'0': flags.zeroFill = true; break;
-      case L'-': flags.leftJustify = true; break;
+      case L'_':
+        flags.lower = true;
+        break;
+      case L'^':
+        flags.upper = true;
+        break;
+      case L'0':
+        flags.zeroFill = true;
+        break;
+      case L'-':
+        flags.leftJustify = true;
+        break;
       case L'u':
-      case L'x': flags.conversion = *characters; break;
+      case L'x':
+        flags.conversion = *characters;
+        break;
       default:
-        logInternalError(L"String",
-                         AString(L"unknown format character [") << *characters << L"]");
+        logInternalError(L"String", AString(L"unknown format character [") << *characters << L"]");
     }
   }
   return flags;
@@ -64,8 +73,7 @@ private:
 };
 
 constexpr unsigned long magnitudeOf(long number) {
-  return number < 0 ? 0UL - static_cast<unsigned long>(number)
-                    : static_cast<unsigned long>(number);
+  return number < 0 ? 0UL - static_cast<unsigned long>(number) : static_cast<unsigned long>(number);
 }
 
 /// The bits of a number for conversion u or x: 32 where it fits in 32.
@@ -132,8 +140,8 @@ NumberField formatNumber(AFormat const& field, Flags const& flags) {
   if (hasPrecision) {
     zeros = std::max(static_cast<std::size_t>(field.precision), digitCount) - digitCount;
   } else if (flags.zeroFill && !width.leftJustify) {
-    zeros = std::max(width.size, digitCount + (isNegative ? 1 : 0)) - digitCount -
-            (isNegative ? 1 : 0);
+    zeros =
+        std::max(width.size, digitCount + (isNegative ? 1 : 0)) - digitCount - (isNegative ? 1 : 0);
   }
   std::size_t const used = digitCount + zeros + (isNegative ? 1 : 0);
   std::size_t const blanks = std::max(width.size, used) - used;
@@ -151,8 +159,7 @@ NumberField formatNumber(AFormat const& field, Flags const& flags) {
 /// width makes no room, so that its padding ends where the text ended.
 void appendTextField(std::wstring& out, AFormat const& field, Flags const& flags) {
   std::size_t const length = std::wcslen(field.value.text);
-  std::size_t const room =
-      std::max(length, static_cast<std::size_t>(std::max(field.width, 0)));
+  std::size_t const room = std::max(length, static_cast<std::size_t>(std::max(field.width, 0)));
   std::size_t const shown =
       field.precision >= 0 ? std::min(length, static_cast<std::size_t>(field.precision)) : length;
   Width const width = widthOf(field, flags);

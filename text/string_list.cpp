@@ -1,4 +1,5 @@
 #include "text/conversion.h"
+
 #include <vrxutil/text.h>
 
 AStringList::AStringList(wchar_t const* itemSeparator, bool afterEach)

@@ -1,5 +1,6 @@
 #include "text/conversion.h"
 #include "text/field_format.h"
+
 #include <vrxutil/log.h>
 #include <vrxutil/text.h>
 
@@ -8,16 +9,15 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cwchar>
-#include <functional>
-#include <iterator>
+#include <vector>
 
 namespace {
 
 constexpr wchar_t kGroup[] = L"String";
 constexpr wchar_t kGuard = 0xABCD;
 
-/// Search texts from here on are found by Boyer and Moore's method, whose time
-/// is linear whatever the texts; below, the plain search costs at most this
+/// Search texts from here on are found by Knuth, Morris and Pratt's method, whose
+/// time is linear whatever the texts; below, the plain search costs at most this
 /// factor and is faster.
 constexpr std::size_t kLongSearchText = 32;
 
@@ -26,22 +26,37 @@ T const* orNullText(T const* text, T const* nullText) {
   return text != nullptr ? text : nullText;
 }
 
+/// For each start of `find`, the length of the longest proper prefix of `find`
+/// that it ends in.
+std::vector<std::size_t> bordersOf(std::wstring const& find) {
+  std::vector<std::size_t> borders(find.size());
+  for (std::size_t i = 1, matched = 0; i < find.size(); ++i) {
+    while (matched > 0 && find[i] != find[matched]) matched = borders[matched - 1];
+    if (find[i] == find[matched]) ++matched;
+    borders[i] = matched;
+  }
+  return borders;
+}
+
+template <class OnHit>
+void forEachHitOfLong(std::wstring const& text, std::wstring const& find, OnHit onHit) {
+  std::vector<std::size_t> const borders = bordersOf(find);
+  for (std::size_t i = 0, matched = 0; i < text.size(); ++i) {
+    while (matched > 0 && text[i] != find[matched]) matched = borders[matched - 1];
+    if (text[i] == find[matched]) ++matched;
+    if (matched < find.size()) continue;
+    onHit(i + 1 - matched);
+    matched = 0;
+  }
+}
+
 /// Calls `onHit(position)` for each occurrence of `find`, none overlapping.
 template <class OnHit>
 void forEachHit(std::wstring const& text, std::wstring const& find, OnHit onHit) {
-  if (find.size() < kLongSearchText) {
-    for (std::size_t at = text.find(find); at != std::wstring::npos;
-         at = text.find(find, at + find.size())) {
-      onHit(at);
-    }
-    return;
-  }
-  std::boyer_moore_searcher const searcher(find.begin(), find.end());
-  for (auto from = text.begin();;) {
-    auto const [hit, hitEnd] = searcher(from, text.end());
-    if (hit == text.end()) return;
-    onHit(static_cast<std::size_t>(hit - text.begin()));
-    from = hitEnd;
+  if (find.size() >= kLongSearchText) return forEachHitOfLong(text, find, onHit);
+  for (std::size_t at = text.find(find); at != std::wstring::npos;
+       at = text.find(find, at + find.size())) {
+    onHit(at);
   }
 }
 

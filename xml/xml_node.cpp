@@ -353,9 +353,8 @@ bool AnXmlNode::getChildMove(bool required, wchar_t const* childName, wchar_t co
 
 void AnXmlNode::setChild(AnXmlNode* found, wchar_t const* childName, wchar_t const* selName,
                          wchar_t const* selValue, wchar_t const* valueName, wchar_t const* value) {
-  if (!positionValid()) return;
   AnXmlNode child;
-  if (!tryGetChild(&child, childName, selName, selValue, nullptr, nullptr)) {
+  if (positionValid() && !tryGetChild(&child, childName, selName, selValue, nullptr, nullptr)) {
     addChild(&child, childName, selName, selValue);
   }
   if (child.element != nullptr && valueName != nullptr && value != nullptr) {
@@ -366,12 +365,13 @@ void AnXmlNode::setChild(AnXmlNode* found, wchar_t const* childName, wchar_t con
 
 void AnXmlNode::addChild(AnXmlNode* added, wchar_t const* childName, wchar_t const* valueName,
                          wchar_t const* value) {
-  if (!positionValid()) return;
   AnXmlNode child;
-  if (childName == nullptr) {
-    logInternalError(kGroup, L"No child named NULL");
-  } else {
-    child.element = existing(element->AddElementInto(childName));
+  if (positionValid()) {
+    if (childName == nullptr) {
+      logInternalError(kGroup, L"No child named NULL");
+    } else {
+      child.element = existing(element->AddElementInto(childName));
+    }
   }
   if (child.element != nullptr && valueName != nullptr && value != nullptr) {
     child.setValue(valueName, value);

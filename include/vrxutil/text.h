@@ -22,9 +22,10 @@
 #pragma once
 
 #include <vrxutil/export.h>
-#include <wctype.h>  // towlower, towupper
 
 #include <string>
+
+#include <wctype.h>  // towlower, towupper
 
 /// One formatted field: a number or a text, with printf's width and precision.
 ///

@@ -212,13 +212,13 @@ public:
 
   /// Finds a child or adds it, as addChild() does, with the selecting value; then
   /// sets `valueName` there, unless it or `value` is null, and `found`, unless
-  /// null.
+  /// null, which stands on none where nothing is found or added.
   void setChild(AnXmlNode* found, wchar_t const* childName, wchar_t const* selName,
                 wchar_t const* selValue, wchar_t const* valueName, wchar_t const* value);
 
   /// Appends a child, sets `valueName` there, unless it or `value` is null, and
-  /// `added`, unless null. A null `childName` is an internal error, adds nothing
-  /// and leaves `added` standing on none.
+  /// `added`, unless null, which stands on none where nothing is added. A null
+  /// `childName` is an internal error and adds nothing.
   void addChild(AnXmlNode* added, wchar_t const* childName, wchar_t const* valueName,
                 wchar_t const* value);
 

@@ -9,8 +9,9 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
-#include <new>
+#include <memory>
 #include <stdexcept>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -41,6 +42,12 @@ public:
 
 [[noreturn]] void fail(FileError const& error) { throw std::runtime_error(describe(error)); }
 
+/// With errno, which is taken before anything else can change it.
+[[noreturn]] void failWithErrno(char const* action, std::string const& path) {
+  int const number = errno;
+  fail({action, path, number});
+}
+
 void checkKind(struct stat const& status, std::string const& path) {
   if (S_ISREG(status.st_mode) || S_ISCHR(status.st_mode)) return;
   // A pipe would make the process wait for its reader.
@@ -52,8 +59,8 @@ void checkKind(struct stat const& status, std::string const& path) {
 void endLastLine(int fd, struct stat const& status, std::string const& path) {
   if (!S_ISREG(status.st_mode) || status.st_size == 0) return;
   char last = '\n';
-  if (::pread(fd, &last, 1, status.st_size - 1) < 0) fail({"read", path, errno});
-  if (last != '\n' && ::write(fd, "\n", 1) != 1) fail({"write", path, errno});
+  if (::pread(fd, &last, 1, status.st_size - 1) < 0) failWithErrno("read", path);
+  if (last != '\n' && ::write(fd, "\n", 1) != 1) failWithErrno("write", path);
 }
 
 /// What must hold before the file is opened for good. The sink itself would try
@@ -61,12 +68,13 @@ void endLastLine(int fd, struct stat const& status, std::string const& path) {
 void prepare(std::string const& path) {
   std::string const folder = path.substr(0, path.rfind('/'));
   if (auto const error = makeFolders(folder, kFolderMode)) fail(*error);
-  Descriptor const file(::open(path.c_str(),
-                               O_RDWR | O_APPEND | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC,
-                               kFileMode));
-  if (!file) fail({"open", path, errno});
+  Descriptor const file(::open(
+      path.c_str(), O_RDWR | O_APPEND | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, kFileMode));
+  if (!file) failWithErrno("open", path);
+
   struct stat status {};
-  if (::fstat(file.get(), &status) != 0) fail({"examine", path, errno});
+
+  if (::fstat(file.get(), &status) != 0) failWithErrno("examine", path);
   checkKind(status, path);
   endLastLine(file.get(), status, path);
 }

@@ -45,11 +45,20 @@ void appendHex(wchar_t c, int digits, std::wstring& out) {
 void appendEscape(wchar_t c, std::wstring& out) {
   out += L'\\';
   switch (c) {
-    case L'\\': out += c; return;
-    case L'\n': out += L'n'; return;
-    case L'\r': out += L'r'; return;
-    case L'\t': out += L't'; return;
-    default: break;
+    case L'\\':
+      out += c;
+      return;
+    case L'\n':
+      out += L'n';
+      return;
+    case L'\r':
+      out += L'r';
+      return;
+    case L'\t':
+      out += L't';
+      return;
+    default:
+      break;
   }
   bool const isShort = c <= 0xFF;
   out += isShort ? L'x' : L'u';
@@ -70,9 +79,12 @@ void appendField(std::wstring_view text, wchar_t closing, std::wstring& out) {
 
 std::wstring levelWord(int level) {
   switch (static_cast<LogLevel>(level)) {
-    case LogLevel::detail: return L"detail";
-    case LogLevel::info: return L"info";
-    case LogLevel::error: return L"error";
+    case LogLevel::detail:
+      return L"detail";
+    case LogLevel::info:
+      return L"info";
+    case LogLevel::error:
+      return L"error";
   }
   return std::to_wstring(level);
 }

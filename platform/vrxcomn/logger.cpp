@@ -1,5 +1,3 @@
-#include <vrxcomn/logger.h>
-
 #include "platform/common/file_io.h"
 #include "platform/common/utf8.h"
 #include "platform/vrxcomn/log_file.h"
@@ -8,14 +6,17 @@
 #include "platform/vrxcomn/undisturbed.h"
 
 #include <vrxcomn/configuration.h>
+#include <vrxcomn/logger.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
 #include <exception>
 #include <mutex>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
@@ -36,8 +37,8 @@ using vrxutil::detail::Undisturbed;
 
 constexpr int kPatienceInMilliseconds = 100;
 
-bool waitUntilWritable(int fd) {
-  pollfd waiting{.fd = fd, .events = POLLOUT, .revents = 0};
+bool waitUntilWritable() {
+  pollfd waiting{.fd = STDERR_FILENO, .events = POLLOUT, .revents = 0};
   return ::poll(&waiting, 1, kPatienceInMilliseconds) == 1;
 }
 
@@ -48,11 +49,29 @@ void writeToStandardError(std::string_view line) {
     ssize_t const written = ::write(STDERR_FILENO, line.data(), line.size());
     if (written > 0) {
       line.remove_prefix(static_cast<std::size_t>(written));
-    } else if (errno == EAGAIN) {
-      if (!waitUntilWritable(STDERR_FILENO)) return;
-    } else if (errno != EINTR) {
-      return;
+      continue;
     }
+    bool const again = written < 0 && (errno == EINTR || (errno == EAGAIN && waitUntilWritable()));
+    if (!again) return;
+  }
+}
+
+/// A reason as wide text. It names paths and quotes the system, both in the C
+/// locale's encoding, or in UTF-8 where that lacks a character of theirs.
+std::wstring widen(std::string const& reason) {
+  std::wstring text;
+  bool const isUtf8 = vrxutil::detail::appendWide(reason, text) == reason.size();
+  return isUtf8 ? text : vrxutil::detail::wideMessage(reason);
+}
+
+/// The boundary that no exception passes.
+template <class Action>
+void contain(Action action) noexcept {
+  Undisturbed const undisturbed;
+  try {
+    action();
+  } catch (...) {  // out of memory, as a rule
+    writeToStandardError("The logger failed; what it was to write is lost.\n");
   }
 }
 
@@ -118,10 +137,11 @@ public:
 private:
   using Guard = std::lock_guard<Lock>;
 
-  void openFile(std::string const& path);
+  void switchTo(std::string const& path);
+  void fallBack(std::string const& reason);
   void writeRecord(std::string const& tail);
   [[nodiscard]] bool writeToFile(std::string const& line);
-  void warn(std::string const& reason);
+  static void warn(std::string const& reason);
 
   std::atomic<int> minLevel_{static_cast<int>(LogLevel::info)};
   Lock lock_;  // guards all below
@@ -130,3 +150,98 @@ private:
 };
 
 using Slot = vrxutil::detail::ServiceSlot<ILogger, BuiltInLogger>;
+
+std::string completeLine(std::string_view tail) {
+  std::string line = logLineHead(std::chrono::system_clock::now());
+  line += tail;
+  line += '\n';
+  return line;
+}
+
+BuiltInLogger::BuiltInLogger() noexcept {
+  // A child after fork has only the thread that forked: were the lock held by
+  // another one, it would be held for ever. Registering fails for lack of memory
+  // only; such a child may then wait for ever, and nothing else can be done.
+  ::pthread_atfork([] { Slot::builtIn().lock_.lock(); }, [] { Slot::builtIn().lock_.unlock(); },
+                   [] { Slot::builtIn().lock_.unlock(); });
+}
+
+/// Records are written through, so that there is nothing to start; but a process
+/// that sets itself up again takes over a time zone changed meanwhile.
+void BuiltInLogger::start() { ::tzset(); }
+
+void BuiltInLogger::attach(std::wstring const& name) {
+  contain([&] {
+    try {
+      switchTo(logPath(name));  // not under the lock: the configuration in use may log
+    } catch (std::exception const& exception) {
+      fallBack(exception.what());
+    }
+  });
+}
+
+void BuiltInLogger::setMinLogLevel(LogLevel const& level) {
+  minLevel_.store(static_cast<int>(level), std::memory_order_relaxed);
+}
+
+bool BuiltInLogger::isDetailLoggingEnabled() {
+  return minLevel_.load(std::memory_order_relaxed) <= static_cast<int>(LogLevel::detail);
+}
+
+void BuiltInLogger::logMessage(LogLevel const& level, std::wstring const& group,
+                               std::wstring const& message) {
+  int const number = static_cast<int>(level);
+  if (number < minLevel_.load(std::memory_order_relaxed)) return;
+  contain([&] { writeRecord(logLineTail(number, group, message)); });
+}
+
+void BuiltInLogger::switchTo(std::string const& path) {
+  Guard const guard(lock_);
+  if (Lock::isNested()) return;  // the file is in use further up this thread's stack
+  file_.emplace(path);
+  auto const problem = file_->open();
+  isFileFailing_ = problem.has_value();
+  if (problem) warn(*problem);
+}
+
+/// To standard error, for lack of a path.
+void BuiltInLogger::fallBack(std::string const& reason) {
+  Guard const guard(lock_);
+  if (Lock::isNested()) return;
+  file_.reset();
+  warn(reason);
+}
+
+void BuiltInLogger::writeRecord(std::string const& tail) {
+  Guard const guard(lock_);  // before the time is taken: the times in a file ascend
+  std::string const line = completeLine(tail);
+  // Nested when memory management or a handler of fork logs, say.
+  if (Lock::isNested() || !writeToFile(line)) writeToStandardError(line);
+}
+
+/// False when there is no file, or it cannot be written; then it has warned.
+bool BuiltInLogger::writeToFile(std::string const& line) {
+  if (!file_) return false;
+  auto problem = file_->write(line);
+  if (problem && !isFileFailing_) {
+    warn(*problem);
+    problem = file_->write(line);  // what failed may have been the rotation alone
+  }
+  isFileFailing_ = problem.has_value();
+  return !isFileFailing_;
+}
+
+/// Says why, on standard error.
+void BuiltInLogger::warn(std::string const& reason) {
+  std::wstring const text =
+      widen(reason) + L"; records go to standard error while the log cannot be written";
+  writeToStandardError(completeLine(logLineTail(static_cast<int>(LogLevel::error), L"Log", text)));
+}
+
+}  // namespace
+
+ILogger* ILogger::GetLogger() { return Slot::inUse(); }
+
+ILogger* ILogger::SetLogger(ILogger* logger) { return Slot::replace(logger); }
+
+}  // namespace vornix_com::oxa::logger

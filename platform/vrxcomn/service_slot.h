@@ -16,7 +16,9 @@ template <class Service, class BuiltIn>
 class ServiceSlot {
 public:
   /// The object in use.
-  static Service* inUse() noexcept { return orBuiltIn(replacement.load(std::memory_order_acquire)); }
+  static Service* inUse() noexcept {
+    return orBuiltIn(replacement.load(std::memory_order_acquire));
+  }
 
   /// Puts `service` in use, or the built-in one for null; returns the one before.
   static Service* replace(Service* service) noexcept {

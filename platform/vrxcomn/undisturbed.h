@@ -7,6 +7,7 @@
 
 #include <pthread.h>
 #include <signal.h>
+#include <time.h>
 
 namespace vrxutil::detail {
 
@@ -43,15 +44,23 @@ private:
     sigset_t pending;
     ::sigpending(&pending);
     for (int const signal : kSignals) {
-      if (::sigismember(&pending, signal) != 1 || ::sigismember(&pendingBefore_, signal) == 1) {
-        continue;
-      }
-      sigset_t one;
-      ::sigemptyset(&one);
-      ::sigaddset(&one, signal);
-      int taken = 0;
-      ::sigwait(&one, &taken);  // pending, so that it does not wait
+      bool const isOurs =
+          ::sigismember(&pending, signal) == 1 && ::sigismember(&pendingBefore_, signal) == 0;
+      if (isOurs) consume(signal);
     }
+  }
+
+  static void consume(int signal) noexcept {
+    sigset_t one;
+    ::sigemptyset(&one);
+    ::sigaddset(&one, signal);
+#ifdef __APPLE__  // has no sigtimedwait
+    ::sigwait(&one, &signal);
+#else
+    // Does not wait: what was pending for the process may be another thread's now.
+    timespec const noTime{};
+    ::sigtimedwait(&one, nullptr, &noTime);
+#endif
   }
 
   int errnoBefore_ = errno;

@@ -27,7 +27,7 @@ constexpr Treatments treatmentsOf(std::string_view special) {
 // A carriage return would read back as a line feed; in an attribute line feeds
 // and tabs would read back as blanks.
 constexpr Treatments kInText = treatmentsOf("&<>\r");
-constexpr Treatments kInAttribute = treatmentsOf("&<\"\t\n\r");
+constexpr Treatments kInAttribute = treatmentsOf("&<>\"\t\n\r");
 constexpr Treatments kVerbatim = treatmentsOf("");
 
 Treatment treatmentOf(wchar_t c, Treatments const& table) {
@@ -40,13 +40,20 @@ Treatment treatmentOf(wchar_t c, Treatments const& table) {
 
 std::wstring_view referenceTo(wchar_t c) {
   switch (c) {
-    case L'&': return L"&amp;";
-    case L'<': return L"&lt;";
-    case L'>': return L"&gt;";
-    case L'"': return L"&quot;";
-    case L'\t': return L"&#9;";
-    case L'\n': return L"&#10;";
-    default: return L"&#13;";
+    case L'&':
+      return L"&amp;";
+    case L'<':
+      return L"&lt;";
+    case L'>':
+      return L"&gt;";
+    case L'"':
+      return L"&quot;";
+    case L'\t':
+      return L"&#9;";
+    case L'\n':
+      return L"&#10;";
+    default:
+      return L"&#13;";
   }
 }
 
@@ -118,7 +125,7 @@ private:
       return nullptr;
     }
     auto const& element = static_cast<Element const&>(node);
-    newLine();
+    newLineUnlessAtTop();
     startTag(element);
     if (!hasContents(element)) {
       text_ += L"/>";
@@ -143,15 +150,21 @@ private:
   void leaf(TextNode const& node) {
     owner_ = node.parent_;
     std::wstring_view const value(node.GetValue(), node.GetLength());
-    bool const isDropped = indented_ && verbatim_ == nullptr;
     switch (node.kind_) {
       case Node::Kind::text:
-        // What is indented holds only blank text.
-        if (!isDropped) characters(value, kInText);
-        return;
-      case Node::Kind::cdata: return enclosed(L"<![CDATA[", value, L"]]>");
-      case Node::Kind::comment: newLine(); return enclosed(L"<!--", value, L"-->");
-      default: newLine(); return enclosed(L"<?", value, L"?>");
+        // Text of what is indented is blank: layout, which is made anew.
+        if (!indented_ || verbatim_ != nullptr) characters(value, kInText);
+        break;
+      case Node::Kind::cdata:
+        enclosed(L"<![CDATA[", value, L"]]>");
+        break;
+      case Node::Kind::comment:
+        newLineUnlessAtTop();
+        enclosed(L"<!--", value, L"-->");
+        break;
+      default:
+        newLineUnlessAtTop();
+        enclosed(L"<?", value, L"?>");
     }
   }
 
@@ -162,8 +175,13 @@ private:
   }
 
   void newLine() {
-    if (!indented_ || verbatim_ != nullptr || depth_ == 0) return;
+    if (!indented_ || verbatim_ != nullptr) return;
     text_.append(1, L'\n').append(2 * depth_, L' ');
+  }
+
+  /// document() itself puts what is outside the root on lines.
+  void newLineUnlessAtTop() {
+    if (depth_ > 0) newLine();
   }
 
   void startTag(Element const& element) {

@@ -21,6 +21,8 @@ namespace AdvXMLParser {
 
 namespace {
 
+using vrxutil::detail::kMaxUtf8Size;
+
 constexpr int kDeepestNesting = 1000;
 
 /// Entities that refer to others. The parser library descends into each.
@@ -147,10 +149,9 @@ TreeBuilder::TreeBuilder(Store& store, XML_Parser parser, std::size_t documentLe
       current_(&store.top),
       largestSize_(std::max(kLeastGrowth, documentLength * kMostGrowth)) {
   XML_SetUserData(parser, this);
-  XML_SetElementHandler(parser, Guarded<&TreeBuilder::startElement>::call,
-                        [](void* self, char const* /*name*/) {
-                          Guarded<&TreeBuilder::endElement>::call(self);
-                        });
+  XML_SetElementHandler(
+      parser, Guarded<&TreeBuilder::startElement>::call,
+      [](void* self, char const* /*name*/) { Guarded<&TreeBuilder::endElement>::call(self); });
   XML_SetCharacterDataHandler(parser, Guarded<&TreeBuilder::characters>::call);
   XML_SetCdataSectionHandler(parser, Guarded<&TreeBuilder::startCdata>::call,
                              Guarded<&TreeBuilder::endCdata>::call);
@@ -207,8 +208,7 @@ void TreeBuilder::checkAttributeReferences() {
   int available = 0;
   char const* const input = XML_GetInputContext(parser_, &offset, &available);
   if (input == nullptr) return;
-  std::string_view tag(input + offset,
-                       static_cast<std::size_t>(XML_GetCurrentByteCount(parser_)));
+  std::string_view tag(input + offset, static_cast<std::size_t>(XML_GetCurrentByteCount(parser_)));
   constexpr std::string_view kHarmless[] = {"#", "lt;", "gt;", "amp;", "apos;", "quot;"};
   for (std::size_t at = tag.find('&'); at != std::string_view::npos; at = tag.find('&')) {
     tag.remove_prefix(at + 1);
@@ -299,8 +299,8 @@ public:
   bool feed() {
     do {
       std::wstring_view const block = rest_.substr(0, kBlockLength);
-      void* const buffer = XML_GetBuffer(
-          parser_, static_cast<int>(block.size() * vrxutil::detail::kMaxUtf8Size));
+      std::size_t const room = std::max<std::size_t>(1, block.size()) * kMaxUtf8Size;
+      void* const buffer = XML_GetBuffer(parser_, static_cast<int>(room));
       if (buffer == nullptr) return false;
       auto const converted = vrxutil::detail::encodeUtf8(block, static_cast<char*>(buffer));
       rest_.remove_prefix(converted.read);
@@ -340,9 +340,10 @@ std::pair<unsigned long, unsigned long> positionAfter(std::wstring_view text) {
 
 [[noreturn]] void throwParserError(XML_Parser parser) {
   XML_Error const code = XML_GetErrorCode(parser);
-  if (code == XML_ERROR_NO_MEMORY) throw std::bad_alloc();
+  char const* const reason = XML_ErrorString(code);
+  if (code == XML_ERROR_NO_MEMORY || reason == nullptr) throw std::bad_alloc();
   std::wstring message;
-  vrxutil::detail::appendWide(XML_ErrorString(code), message);
+  vrxutil::detail::appendWide(reason, message);
   throw ParsingException(currentLine(parser), currentColumn(parser), std::move(message));
 }
 

@@ -112,8 +112,8 @@ Name const* NameTable::intern(std::string_view utf8, bool isParsed) {
 }
 
 void NameTable::grow() {
-  std::vector<Name const*> const old = std::exchange(
-      slots_, std::vector<Name const*>(slots_.size() * 2));
+  std::vector<Name const*> const old =
+      std::exchange(slots_, std::vector<Name const*>(slots_.size() * 2));
   for (Name const* const name : old) {
     if (name != nullptr) slots_[slotOf(name->utf8, name->hash)] = name;
   }
@@ -194,8 +194,7 @@ void Store::setParsedText(TextNode& node, std::string_view utf8) {
 wchar_t const* Store::sharedBlank(std::string_view utf8) {
   Blank& blank = blanks_[utf8.size() % blanks_.size()];
   if (blank.text == nullptr || blank.utf8 != utf8) {
-    auto* const text =
-        static_cast<wchar_t*>(arena.allocate((utf8.size() + 1) * sizeof(wchar_t)));
+    auto* const text = static_cast<wchar_t*>(arena.allocate((utf8.size() + 1) * sizeof(wchar_t)));
     toWide(utf8, text);
     blank = {std::string(utf8), text};
   }
@@ -229,8 +228,7 @@ void Store::appendText(TextNode& node, std::wstring_view text) {
   std::size_t const length = node.length_ + text.size();
   std::size_t const size = (length + 1) * sizeof(wchar_t);
   if (size > UINT32_MAX) throw std::bad_alloc();
-  bool const hasRoom =
-      node.capacityClass_ != 0 && size <= (std::size_t{1} << node.capacityClass_);
+  bool const hasRoom = node.capacityClass_ != 0 && size <= (std::size_t{1} << node.capacityClass_);
   if (!hasRoom) moveText(node, size);
   wchar_t* const memory = const_cast<wchar_t*>(node.value_);
   std::copy(text.begin(), text.end(), memory + node.length_);

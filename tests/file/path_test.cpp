@@ -1,6 +1,6 @@
-#include <gtest/gtest.h>
-
 #include <vrxutil/file.h>
+
+#include <gtest/gtest.h>
 
 #include <cstddef>
 #include <string>
@@ -19,8 +19,8 @@ static_assert(std::is_constructible_v<APath, AString const&, AString const&>);
 static_assert(std::is_convertible_v<APath&, AString const&>);
 static_assert(!std::is_default_constructible_v<APath>);
 static_assert(std::is_same_v<decltype(splitPath), bool(wchar_t const*, AString*, AString*)>);
-static_assert(std::is_same_v<decltype(joinPath),
-                             wchar_t const*(AString*, wchar_t const*, wchar_t const*)>);
+static_assert(
+    std::is_same_v<decltype(joinPath), wchar_t const*(AString*, wchar_t const*, wchar_t const*)>);
 
 struct SplitCase {
   wchar_t const* path;
@@ -132,7 +132,8 @@ constexpr JoinCase kJoins[] = {{L"/tmp", L"a", L"/tmp/a"},
 TEST(JoinPathTest, PutsOneSeparatorBetweenTheParts) {
   for (JoinCase const& row : kJoins) {
     AString result(L"old");
-    EXPECT_EQ(joinPath(&result, row.folder, row.name), static_cast<wchar_t const*>(result));
+    wchar_t const* const joined = joinPath(&result, row.folder, row.name);
+    EXPECT_EQ(joined, static_cast<wchar_t const*>(result));
     EXPECT_EQ(result.const_cpp_str(), row.path)
         << std::wstring(row.folder) << L" and " << std::wstring(row.name);
   }

@@ -429,7 +429,7 @@ TEST(Utf8Test, ManySmallPiecesDoNotMoveTheStringEachTime) {
     std::size_t const before = utf8.capacity() + text.capacity();
     appendUtf8(L"\u00E9", utf8);
     appendWide("\xC3\xA9", text);
-    moves += utf8.capacity() + text.capacity() != before ? 1 : 0;
+    moves += utf8.capacity() + text.capacity() != before ? 1U : 0U;
   }
   EXPECT_LT(moves, 60U);
 }
@@ -461,7 +461,7 @@ TEST(Utf8Test, LossyConversionsReplaceWhatIsNotValid) {
 }
 
 TEST(Utf8Test, LossyConversionOfAMillionFaultsEnds) {
-  constexpr std::size_t kCount = 1000000;  // days, if each fault cost a look at all the rest
+  constexpr std::size_t kCount = 1000000;  // too many to look at all the rest for each
   EXPECT_TRUE(lossyWide(std::string(kCount, '\xFF')) ==
               std::wstring(kCount, kReplacementCharacter));
   EXPECT_EQ(lossyUtf8(std::wstring(kCount, kNoScalarValues[0])).size(), 3 * kCount);

@@ -1,9 +1,13 @@
 // AFormat and AString::execute, held against printf itself: the oracle below
 // takes the documented steps one by one and leaves the rest to swprintf.
 
-#include <gtest/gtest.h>
+#include "tests/support/locale_scope.h"
+#include "tests/support/log_recorder.h"
+#include "tests/text/made_locale.h"
 
 #include <vrxutil/text.h>
+
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <climits>
@@ -15,10 +19,6 @@
 #include <string>
 #include <type_traits>
 #include <vector>
-
-#include "tests/support/locale_scope.h"
-#include "tests/support/log_recorder.h"
-#include "tests/text/made_locale.h"
 
 namespace vrxutil::test {
 namespace {
@@ -69,7 +69,8 @@ TEST(AFormatTest, TextAndFlagsAreBorrowed) {
 
 std::wstring formatted(AFormat const& field) {
   AString text(L"what was there before");
-  EXPECT_EQ(text.execute(field), static_cast<wchar_t const*>(text));
+  wchar_t const* const result = text.execute(field);
+  EXPECT_EQ(result, static_cast<wchar_t const*>(text));
   return text.const_cpp_str();
 }
 
@@ -190,8 +191,7 @@ TEST(AStringExecuteTest, TextsMayBeLongerThanANumberField) {
   std::wstring const text(1000, L'x');
   EXPECT_EQ(formatted(AFormat(text.c_str(), L"", -1, -1)), text);
   EXPECT_EQ(formatted(AFormat(L"x", L"", 1000, -1)), std::wstring(999, L' ') + L"x");
-  EXPECT_EQ(formatted(AFormat(text.c_str(), L"-^", 1010, 5)),
-            L"XXXXX" + std::wstring(1005, L' '));
+  EXPECT_EQ(formatted(AFormat(text.c_str(), L"-^", 1010, 5)), L"XXXXX" + std::wstring(1005, L' '));
 }
 
 TEST(AStringExecuteTest, CaseFollowsTheLocale) {
@@ -209,8 +209,7 @@ TEST(AStringExecuteTest, CaseFollowsTheLocale) {
 // Characters that are no flags.
 
 LogRecord unknownCharacter(wchar_t character) {
-  return errorRecord(L"String",
-                     L"internal error: unknown format character ["s + character + L"]");
+  return errorRecord(L"String", L"internal error: unknown format character ["s + character + L"]");
 }
 
 TEST(AStringExecuteTest, UnknownFlagIsLoggedAndSkipped) {
@@ -512,7 +511,8 @@ TEST(AStringExecuteTest, TextFieldsHaveAtMostTheLongerOfTextAndWidth) {
 
 TEST(AStringFormatTest, FormatsTheTextItself) {
   AString text(L"abc");
-  EXPECT_EQ(text.format(L"-", 20, -1), static_cast<wchar_t const*>(text));
+  wchar_t const* const result = text.format(L"-", 20, -1);
+  EXPECT_EQ(result, static_cast<wchar_t const*>(text));
   EXPECT_EQ(text.const_cpp_str(), L"abc                 ");
   text.format(L"^", -1, 3);
   EXPECT_EQ(text.const_cpp_str(), L"ABC");

@@ -2,14 +2,14 @@
 
 #pragma once
 
+#include "tests/support/locale_scope.h"
+#include "tests/support/temporary_folder.h"
+
 #include <cstdlib>
 #include <optional>
 #include <ostream>
 #include <stdexcept>
 #include <string>
-
-#include "tests/support/locale_scope.h"
-#include "tests/support/temporary_folder.h"
 
 namespace vrxutil::test {
 

@@ -1,6 +1,10 @@
-#include <gtest/gtest.h>
+#include "tests/support/locale_scope.h"
+#include "tests/support/log_recorder.h"
+#include "tests/text/made_locale.h"
 
 #include <vrxutil/text.h>
+
+#include <gtest/gtest.h>
 
 #include <climits>
 #include <cstddef>
@@ -12,10 +16,6 @@
 #include <type_traits>
 #include <utility>
 #include <vector>
-
-#include "tests/support/locale_scope.h"
-#include "tests/support/log_recorder.h"
-#include "tests/text/made_locale.h"
 
 namespace vrxutil::test {
 namespace {
@@ -242,11 +242,12 @@ TEST_P(NarrowingTest, EveryCharacterOfTheBasicPlane) {
 
 TEST_P(NarrowingTest, RandomTexts) {
   std::mt19937 random(5);
-  wchar_t const pool[] = {L'a',      L'\\',     L'~',       L'\u00a5', L'\u00e9', L'\u20ac',
+  wchar_t const pool[] = {L'a',      L'\\',     L'~',      L'\u00a5',     L'\u00e9', L'\u20ac',
                           L'\u3042', L'\u4e00', L'\uff71', L'\U0001F600', WCHAR_MAX, WCHAR_MIN};
   for (int round = 0; round < 3000; ++round) {
     std::wstring text;
-    for (std::size_t left = random() % 30; left > 0; --left) text += pool[random() % std::size(pool)];
+    for (std::size_t left = random() % 30; left > 0; --left)
+      text += pool[random() % std::size(pool)];
     expectNarrow(text, narrowedStepByStep(text));
     if (HasFatalFailure()) return;
   }

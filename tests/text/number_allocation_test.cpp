@@ -1,9 +1,9 @@
 // Numbers appended to a string that has room take nothing from the free store,
 // as seen by an operator new of this program's own.
 
-#include <gtest/gtest.h>
-
 #include <vrxutil/text.h>
+
+#include <gtest/gtest.h>
 
 #include <climits>
 #include <cstddef>
@@ -23,9 +23,12 @@ void* operator new(std::size_t size) {
   throw std::bad_alloc();
 }
 
-void operator delete(void* block) noexcept { std::free(block); }
+// Inlined alone, the deletes make g++ miss that the blocks come from malloc.
+[[gnu::noinline]] void operator delete(void* block) noexcept { std::free(block); }
 
-void operator delete(void* block, std::size_t /*size*/) noexcept { std::free(block); }
+[[gnu::noinline]] void operator delete(void* block, std::size_t /*size*/) noexcept {
+  std::free(block);
+}
 
 namespace vrxutil::test {
 namespace {

@@ -1,6 +1,9 @@
-#include <gtest/gtest.h>
+#include "tests/support/locale_scope.h"
+#include "tests/support/log_recorder.h"
 
 #include <vrxutil/text.h>
+
+#include <gtest/gtest.h>
 
 #include <climits>
 #include <concepts>
@@ -9,9 +12,6 @@
 #include <string>
 #include <type_traits>
 #include <vector>
-
-#include "tests/support/locale_scope.h"
-#include "tests/support/log_recorder.h"
 
 namespace vrxutil::test {
 namespace {
@@ -123,10 +123,10 @@ TEST(AStringListTest, ItemThatFailsToConvertIsEmpty) {
   AStringList list(L",", /*afterEach=*/false);
   list << L"a" << "\xC3" << L"b";
   EXPECT_EQ(read(list), L"a,,b");
-  EXPECT_EQ(recorder.records(),
-            Records({errorRecord(L"String", L"Error trace:"),
-                     errorRecord(L"String",
-                                 L"  couldn't query space for wide character conversion")}));
+  EXPECT_EQ(
+      recorder.records(),
+      Records({errorRecord(L"String", L"Error trace:"),
+               errorRecord(L"String", L"  couldn't query space for wide character conversion")}));
 }
 
 TEST(AStringListTest, SeparatorIsCopied) {

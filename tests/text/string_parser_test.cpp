@@ -1,6 +1,6 @@
-#include <gtest/gtest.h>
-
 #include <vrxutil/text.h>
+
+#include <gtest/gtest.h>
 
 #include <climits>
 #include <cstddef>

@@ -2,10 +2,14 @@
 // the forms of AString that take char const* and char, held against the C
 // library's own mbstowcs and mbrtowc.
 
-#include <gtest/gtest.h>
+#include "tests/support/locale_scope.h"
+#include "tests/support/log_recorder.h"
+#include "tests/text/made_locale.h"
 
 #include <vrxutil/log.h>
 #include <vrxutil/text.h>
+
+#include <gtest/gtest.h>
 
 #include <array>
 #include <atomic>
@@ -25,10 +29,6 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "tests/support/locale_scope.h"
-#include "tests/support/log_recorder.h"
-#include "tests/text/made_locale.h"
-
 namespace vrxutil::test {
 namespace {
 
@@ -40,8 +40,7 @@ using Records = std::vector<LogRecord>;
 static_assert(
     std::is_same_v<decltype(conversionSpaceRequired(std::declval<char const*>())), unsigned long>);
 static_assert(std::is_same_v<decltype(convertOne), wchar_t(char)>);
-static_assert(
-    std::is_same_v<decltype(AString::convert), void(char const*, wchar_t*, int, int)>);
+static_assert(std::is_same_v<decltype(AString::convert), void(char const*, wchar_t*, int, int)>);
 
 Records failure(std::wstring const& message) {
   return {errorRecord(L"String", L"Error trace:"), errorRecord(L"String", L"  " + message)};
@@ -91,8 +90,8 @@ void expectConversion(char const* bytes) {
 class TextAtThePagesEnd {
 public:
   TextAtThePagesEnd() : pageSize_(static_cast<std::size_t>(::sysconf(_SC_PAGESIZE))) {
-    void* const pages = ::mmap(nullptr, 2 * pageSize_, PROT_READ | PROT_WRITE,
-                               MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    void* const pages =
+        ::mmap(nullptr, 2 * pageSize_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (pages == MAP_FAILED) return;
     page_ = static_cast<char*>(pages);
     if (::mprotect(page_ + pageSize_, pageSize_, PROT_NONE) != 0) ready_ = false;
@@ -123,7 +122,8 @@ constexpr std::size_t kAlignments = 16;
 
 std::string asciiRun(std::size_t length) {
   std::string run;
-  for (std::size_t i = 0; i < length; ++i) run += static_cast<char>(' ' + static_cast<char>(i % 95));
+  for (std::size_t i = 0; i < length; ++i)
+    run += static_cast<char>(' ' + static_cast<char>(i % 95));
   return run;
 }
 
@@ -147,8 +147,8 @@ INSTANTIATE_TEST_SUITE_P(Locales, ConversionTest,
 TEST_P(ConversionTest, AsciiRunsOfEveryLengthAndAlignment) {
   // A character of several bytes, one cut short, bytes valid nowhere in UTF-8,
   // and trail bytes on their own; each alone and with ASCII behind it.
-  std::string const tails[] = {"",     "\xC3\xA9",     "\xE2\x82\xAC", "\xF0\x9F\x98\x80",
-                               "\xC3", "\xE2\x82",     "\xFF",         "\x80",
+  std::string const tails[] = {"",         "\xC3\xA9",     "\xE2\x82\xAC", "\xF0\x9F\x98\x80",
+                               "\xC3",     "\xE2\x82",     "\xFF",         "\x80",
                                "\xC0\x80", "\xED\xA0\x80", "\x83\x5C",     "\x8F\xA2\xB7"};
   for (std::size_t length = 0; length <= kLongestRun; ++length) {
     for (std::string const& tail : tails) {
@@ -189,9 +189,10 @@ TEST_P(ConversionTest, NothingIsReadBehindTheTerminator) {
 
 // Bytes of which most texts are valid in some of the locales.
 std::string randomBytes(std::mt19937& random) {
-  static constexpr char const* kPieces[] = {"a",        "Z",            "\x5C",     "\x7E",
-                                            "\x01",     "\xC3\xA9",     "\xE2\x82\xAC",
-                                            "\xF0\x9F\x98\x80", "\xA4\xA2", "\x83\x5C", "\xB1"};
+  static constexpr char const* kPieces[] = {
+      "a",        "Z",        "\x5C",         "\x7E",
+      "\x01",     "\xC3\xA9", "\xE2\x82\xAC", "\xF0\x9F\x98\x80",
+      "\xA4\xA2", "\x83\x5C", "\xB1"};
   bool const anyBytes = random() % 4 == 0;
   std::size_t const count = random() % 24;
   std::string bytes;
@@ -302,11 +303,11 @@ TEST(TextConversionTest, ErrorShowsTheOpenScopes) {
   AnInfoTrace const inner(L"Xml", L"read");
   recorder.clear();
   EXPECT_EQ(AString("\xC3").const_cpp_str(), L"");
-  EXPECT_EQ(recorder.records(),
-            Records({errorRecord(L"String", L"Error trace:"),
-                     errorRecord(L"Log", L" [Main thread]->"), errorRecord(L"Xml", L" [read]->"),
-                     errorRecord(L"String",
-                                 L"  couldn't query space for wide character conversion")}));
+  EXPECT_EQ(
+      recorder.records(),
+      Records({errorRecord(L"String", L"Error trace:"), errorRecord(L"Log", L" [Main thread]->"),
+               errorRecord(L"Xml", L" [read]->"),
+               errorRecord(L"String", L"  couldn't query space for wide character conversion")}));
 }
 
 TEST(TextConversionTest, Utf8BecomesOneCharacterPerCodePoint) {
@@ -409,7 +410,10 @@ TEST(ConvertTest, CountsCharactersNotBytes) {
 TEST(ConvertTest, AgreesWithTheCLibraryForEveryCount) {
   for (char const* const name : {"C", "C.UTF-8"}) {
     LocaleScope const locale(name);
-    std::string const sources[] = {"", "abc", asciiRun(30), asciiRun(20) + "\xC3\xA9\xE2\x82\xAC" "end",
+    std::string const sources[] = {"", "abc", asciiRun(30),
+                                   asciiRun(20) +
+                                       "\xC3\xA9\xE2\x82\xAC"
+                                       "end",
                                    "\xF0\x9F\x98\x80" + asciiRun(9)};
     for (std::string const& source : sources) {
       for (std::size_t count = 0; count <= source.size() + 2; ++count) {
@@ -458,7 +462,9 @@ TEST(TextConversionTest, ConvertsVeryLongTextsBeyondAscii) {
   std::string narrow;
   std::wstring wide;
   for (std::size_t i = 0; i < kRepeats; ++i) {
-    narrow += "ab\xC3\xA4" "c\xF0\x9F\x98\x80";
+    narrow +=
+        "ab\xC3\xA4"
+        "c\xF0\x9F\x98\x80";
     wide += L"ab\u00e4c\U0001F600";
   }
   LogRecorder recorder;

@@ -1,6 +1,10 @@
-#include <gtest/gtest.h>
+#include "tests/support/locale_scope.h"
+#include "tests/support/log_recorder.h"
+#include "tests/text/made_locale.h"
 
 #include <vrxutil/text.h>
+
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <climits>
@@ -17,10 +21,6 @@
 #include <type_traits>
 #include <utility>
 #include <vector>
-
-#include "tests/support/locale_scope.h"
-#include "tests/support/log_recorder.h"
-#include "tests/text/made_locale.h"
 
 namespace vrxutil::test {
 namespace {
@@ -58,10 +58,14 @@ concept HasNoForm =
     !std::is_constructible_v<AString, Value> && !AssignableFrom<Value> && !Appendable<Value>;
 
 template <class Text>
-concept AssignsLiteralZero = requires(Text text) { text = 0; };
+concept AssignsLiteralZero = requires(Text text) {
+  text = 0;
+};
 
 template <class Text>
-concept AppendsLiteralZero = requires(Text text) { text << 0; };
+concept AppendsLiteralZero = requires(Text text) {
+  text << 0;
+};
 
 static_assert(HasAllForms<wchar_t const*>);
 static_assert(HasAllForms<char const*>);
@@ -102,8 +106,8 @@ static_assert(!std::is_polymorphic_v<AString::CaseSensitiveLess>);
 static_assert(!std::is_polymorphic_v<AString::CaseInsensitiveLess>);
 
 static_assert(std::is_same_v<decltype(std::declval<AString&>().cpp_str()), std::wstring&>);
-static_assert(std::is_same_v<decltype(std::declval<AString const&>().const_cpp_str()),
-                             std::wstring const&>);
+static_assert(
+    std::is_same_v<decltype(std::declval<AString const&>().const_cpp_str()), std::wstring const&>);
 static_assert(std::is_same_v<decltype(std::declval<AString const&>().size()), unsigned long>);
 static_assert(std::is_same_v<decltype(std::declval<AString const&>().toInt()), int>);
 static_assert(std::is_same_v<decltype(std::declval<AString&>().allocate(1)), wchar_t*>);
@@ -195,8 +199,8 @@ TEST(AStringTest, NulByteLogsAnErrorAndIsOneCharacterOfValueZero) {
 }
 
 TEST(AStringTest, SignedNumbersAreDecimal) {
-  for (long const number : {0L, 1L, 9L, 10L, 42L, -1L, -42L, 1000000L, 2147483647L, -2147483647L - 1,
-                            LONG_MAX, LONG_MIN}) {
+  for (long const number : {0L, 1L, 9L, 10L, 42L, -1L, -42L, 1000000L, 2147483647L,
+                            -2147483647L - 1, LONG_MAX, LONG_MIN}) {
     expectAllForms(number, std::to_wstring(number));
   }
   expectAllForms(-42L, L"-42");
@@ -275,8 +279,8 @@ TEST(AStringTest, CopiesHoldTheWholeValue) {
 
 TEST(AStringTest, CallsChain) {
   AString text;
-  text << L"line " << 7L << ": " << L'x' << 'y' << -1 << 8UL << pointerOf(10)
-       << AFormat(5, L"0", 2) << kNullWide;
+  text << L"line " << 7L << ": " << L'x' << 'y' << -1 << 8UL << pointerOf(10) << AFormat(5, L"0", 2)
+       << kNullWide;
   EXPECT_EQ(text.const_cpp_str(), L"line 7: xy-180000000a05(null)");
   EXPECT_EQ((AString(L"a") << 1L).const_cpp_str(), L"a1");
   EXPECT_EQ(((text = L"x") << 2L << L"y").const_cpp_str(), L"x2y");
@@ -307,7 +311,9 @@ TEST(AStringTest, EqualityOfTwoObjectsComparesAddresses) {
 TEST(AStringTest, AppendingKeepsNulCharactersInTheValue) {
   AString text(L"a\0b"s);
   text << L"c" << "d" << 1L << L'\0' << AFormat(2, L"", -1);
-  EXPECT_EQ(text.const_cpp_str(), L"a\0bcd1\0" L"2"s);
+  EXPECT_EQ(text.const_cpp_str(),
+            L"a\0bcd1\0"
+            L"2"s);
 }
 
 TEST(AStringTest, ConversionShowsTheTextUpToTheFirstNul) {
@@ -452,13 +458,19 @@ TEST(AStringToIntTest, ReadsALeadingNumber) {
 }
 
 TEST(AStringToIntTest, StopsAtANulInTheValue) {
-  EXPECT_EQ(AString(L"1\0" L"2"s).toInt(), 1);
-  EXPECT_EQ(AString(L"\0" L"2"s).toInt(), 0);
+  EXPECT_EQ(AString(L"1\0"
+                    L"2"s)
+                .toInt(),
+            1);
+  EXPECT_EQ(AString(L"\0"
+                    L"2"s)
+                .toInt(),
+            0);
 }
 
 TEST(AStringToIntTest, BeyondTheRangeIsWhatTheCLibrarySays) {
-  for (char const* const text :
-       {"2147483648", "-2147483649", "4294967296", "99999999999999999999", "-99999999999999999999"}) {
+  for (char const* const text : {"2147483648", "-2147483649", "4294967296", "99999999999999999999",
+                                 "-99999999999999999999"}) {
     EXPECT_EQ(AString(text).toInt(), std::atoi(text)) << text;
   }
 }
@@ -786,8 +798,9 @@ TEST(WcsicmpTest, ReturnsTheFirstDifferenceInUpperCase) {
 }
 
 TEST(WcsicmpTest, AgreesWithTheStepsInEveryLocale) {
-  std::vector<std::wstring> texts = {L"", L"\u00e4", L"\u00c4", L"a\u00e4", L"a\u00c4", L"\u0131",
-                                     L"\u0130", L"\u01c5", L"\u00df", L"\uffff", L"\U0010ffff"};
+  std::vector<std::wstring> texts = {L"",        L"\u00e4", L"\u00c4",    L"a\u00e4",
+                                     L"a\u00c4", L"\u0131", L"\u0130",    L"\u01c5",
+                                     L"\u00df",  L"\uffff", L"\U0010ffff"};
   for (wchar_t c = 1; c < 128; ++c) texts.emplace_back(1, c);
   for (char const* const name : {"C", "C.UTF-8"}) {
     LocaleScope const locale(name);

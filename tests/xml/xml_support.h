@@ -16,8 +16,8 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
-#include <regex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace vrxutil::test {
@@ -128,12 +128,24 @@ struct ParseError {
 };
 
 inline std::optional<ParseError> parseErrorIn(LogRecord const& record) {
-  static std::wregex const shape(L"Parse error line: ([0-9]+) column: ([0-9]+) ([^ ].*)");
-  std::wsmatch parts;
-  if (record.group != L"Xml" || !std::regex_match(record.message, parts, shape)) {
-    return std::nullopt;
-  }
-  return ParseError{std::stoul(parts[1]), std::stoul(parts[2]), parts[3]};
+  std::wstring_view rest = record.message;
+  auto const skip = [&rest](std::wstring_view expected) {
+    bool const fits = rest.starts_with(expected);
+    if (fits) rest.remove_prefix(expected.size());
+    return fits;
+  };
+  auto const number = [&rest] {
+    std::size_t const length = std::min(rest.find_first_not_of(L"0123456789"), rest.size());
+    std::wstring const digits(rest.substr(0, length));
+    rest.remove_prefix(length);
+    return digits.empty() ? 0 : std::stoul(digits);  // both count from 1
+  };
+  if (record.group != L"Xml" || !skip(L"Parse error line: ")) return std::nullopt;
+  unsigned long const line = number();
+  if (line == 0 || !skip(L" column: ")) return std::nullopt;
+  unsigned long const column = number();
+  if (column == 0 || !skip(L" ") || rest.empty() || rest.front() == L' ') return std::nullopt;
+  return ParseError{line, column, std::wstring(rest)};
 }
 
 /// The parse error that is the only error of `log`; fails the test where it is

@@ -277,9 +277,7 @@ public:
   bool AtEnd() const { return settled() == nullptr; }
 
   /// Whether no element child, or attribute, comes before.
-  bool AtBegin() const {
-    return owner_ == nullptr || Iterator(*owner_).settled() == settled();
-  }
+  bool AtBegin() const { return owner_ == nullptr || Iterator(*owner_).settled() == settled(); }
 
   /// Not at the end.
   T& operator*() const { return static_cast<T&>(*settled()); }
@@ -402,8 +400,7 @@ VRXCOMN_EXPORT long ReadBufferFromFileNoExp(std::wstring const& fileName, std::w
 
 /// Reads a file into UTF-8, whatever it is in.
 VRXCOMN_EXPORT long ReadUtf8BufferFromFileNoExp(std::wstring const& fileName, std::string& utf8,
-                                                UTF_ENCODINGS& encoding,
-                                                unsigned long* sizeInBytes,
+                                                UTF_ENCODINGS& encoding, unsigned long* sizeInBytes,
                                                 bool (*decode)(std::string const&, std::string&));
 
 /// Writes `text` in UTF-8 without a mark; ReadWriteException on failure. With

@@ -1,0 +1,172 @@
+#include "bench/xml_documents.h"
+
+#include <expat.h>
+
+#include <array>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <string_view>
+#include <type_traits>
+
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
+
+namespace vrxutil::bench {
+
+namespace {
+
+constexpr std::size_t kConfigurationSize = 1 << 20;
+
+/// Numbers that look random and are the same in each run (Knuth's MMIX).
+class Sequence {
+public:
+  std::size_t below(std::size_t limit) {
+    state_ = state_ * 6364136223846793005U + 1442695040888963407U;
+    return static_cast<std::size_t>(state_ >> 33) % limit;
+  }
+
+  template <std::size_t Size>
+  std::string_view oneOf(std::array<std::string_view, Size> const& texts) {
+    return texts[below(Size)];
+  }
+
+private:
+  std::uint64_t state_ = 1;
+};
+
+constexpr std::array<std::string_view, 5> kKinds{"backup", "inventory", "update", "report",
+                                                 "cleanup"};
+constexpr std::array<std::string_view, 4> kDescriptions{
+    "Copies the accounts of the finance group to the archive",
+    "Lists installed software &amp; licences, once a night",
+    "Removes what has not been read for ninety days",
+    "Sends the week's summary to the operators on duty"};
+constexpr std::array<std::string_view, 4> kCommands{
+    "/usr/local/sbin/agent-run --quiet --report", "/usr/sbin/softwareupdate -l",
+    "/usr/bin/find /var/tmp -mtime +90 -delete", "/usr/local/sbin/collect --all"};
+constexpr std::array<std::string_view, 6> kOptions{"compress", "timeout", "notify",
+                                                   "retries",  "limit",   "user"};
+constexpr std::array<std::string_view, 6> kValues{"yes", "no", "300", "operators@example.org",
+                                                  "5", "backup"};
+
+class ConfigurationText {
+public:
+  std::string make() {
+    text_ =
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+        "<agent version=\"4.2.1\" host=\"node-17\">\n"
+        "  <!-- written by the console; changes are overwritten -->\n"
+        "  <tasks>\n";
+    while (text_.size() < kConfigurationSize) task("    ", /*nesting=*/0);
+    return text_ + "  </tasks>\n</agent>\n";
+  }
+
+private:
+  // At most three levels deep.
+  void task(std::string const& indent, int nesting) {
+    auto const number = std::to_string(++tasks_);
+    line(indent, "<task name=\"task-" + number + "\" kind=\"" + one(kKinds) +
+                     "\" enabled=\"" + (sequence_.below(4) != 0 ? "true" : "false") +
+                     "\" priority=\"" + digits(10) + "\">");
+    std::string const inner = indent + "  ";
+    line(inner, "<description>" + one(kDescriptions) + "</description>");
+    line(inner, "<schedule minute=\"" + digits(60) + "\" hour=\"" + digits(24) +
+                    "\" day=\"*\" retries=\"" + digits(4) + "\"/>");
+    line(inner, "<target path=\"/Volumes/archive/accounts-" + number + "\" mode=\"0640\"/>");
+    line(inner, "<command user=\"" + one(kValues) + "\">" + one(kCommands) + "</command>");
+    options(inner);
+    if (nesting < 2 && sequence_.below(3) == 0) task(inner, nesting + 1);
+    line(indent, "</task>");
+  }
+
+  void options(std::string const& indent) {
+    line(indent, "<options>");
+    for (std::size_t left = sequence_.below(5); left > 0; --left) {
+      line(indent + "  ",
+           "<option name=\"" + one(kOptions) + "\" value=\"" + one(kValues) + "\"/>");
+    }
+    line(indent, "</options>");
+  }
+
+  void line(std::string const& indent, std::string const& content) {
+    text_.append(indent).append(content).append("\n");
+  }
+
+  template <std::size_t Size>
+  std::string one(std::array<std::string_view, Size> const& texts) {
+    return std::string(sequence_.oneOf(texts));
+  }
+
+  std::string digits(std::size_t limit) { return std::to_string(sequence_.below(limit)); }
+
+  std::string text_;
+  Sequence sequence_;
+  std::size_t tasks_ = 0;
+};
+
+void startElement(void* /*data*/, XML_Char const* /*name*/, XML_Char const** /*attributes*/) {}
+
+void endElement(void* /*data*/, XML_Char const* /*name*/) {}
+
+void characters(void* /*data*/, XML_Char const* /*text*/, int /*size*/) {}
+
+/// Freed memory stays with the process, so that no figure depends on whether the
+/// one before gave pages back to the system.
+bool keepFreedMemory() {
+#if defined(__GLIBC__)
+  return ::mallopt(M_MMAP_THRESHOLD, 32 << 20) == 1 && ::mallopt(M_TRIM_THRESHOLD, 1 << 30) == 1;
+#else
+  return false;
+#endif
+}
+
+[[maybe_unused]] bool const keepsFreedMemory = keepFreedMemory();
+
+struct ParserDeleter {
+  void operator()(XML_Parser parser) const { XML_ParserFree(parser); }
+};
+
+}  // namespace
+
+std::string const& configuration() {
+  static std::string const text = ConfigurationText().make();
+  return text;
+}
+
+std::string taskName(std::size_t number) {
+  std::string digits = std::to_string(number);
+  return "task-" + digits.insert(0, 5 - std::min<std::size_t>(digits.size(), 5), '0');
+}
+
+std::string taskList(std::size_t count) {
+  std::string text = "<tasks>";
+  for (std::size_t i = 0; i < count; ++i) {
+    text += "<task name=\"" + taskName(i) + "\" enabled=\"true\"/>";
+  }
+  return text + "</tasks>";
+}
+
+void readEvents(std::size_t blockSize) {
+  std::unique_ptr<std::remove_pointer_t<XML_Parser>, ParserDeleter> const parser(
+      XML_ParserCreate("UTF-8"));
+  XML_SetElementHandler(parser.get(), startElement, endElement);
+  XML_SetCharacterDataHandler(parser.get(), characters);
+  std::string_view rest = configuration();
+  while (!rest.empty()) {
+    std::string_view const block = rest.substr(0, blockSize);
+    rest.remove_prefix(block.size());
+    XML_Status const status = XML_Parse(parser.get(), block.data(), static_cast<int>(block.size()),
+                                        /*isFinal=*/rest.empty());
+    if (status != XML_STATUS_OK) std::abort();  // the document is our own
+  }
+}
+
+void settleFreedMemory() {
+  void* block = std::malloc(64 << 10);
+  benchmark::DoNotOptimize(block);
+  std::free(block);
+}
+
+}  // namespace vrxutil::bench

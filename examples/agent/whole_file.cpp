@@ -1,0 +1,64 @@
+#include "examples/agent/whole_file.h"
+
+#include <vrxutil/log.h>
+#include <vrxutil/text.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <memory>
+
+namespace agent {
+
+namespace {
+
+constexpr wchar_t kGroup[] = L"Agent";
+constexpr unsigned long kMaxSizeInBytes = 64UL * 1024 * 1024;
+
+struct CloseFile {
+  // What was written has been flushed, and that was checked.
+  void operator()(std::FILE* file) const { static_cast<void>(std::fclose(file)); }
+};
+
+using File = std::unique_ptr<std::FILE, CloseFile>;
+
+/// The system call at work and its file, as one trace text.
+AString traceText(wchar_t const* call, wchar_t const* fileName) {
+  return AString(AStringList(L",", /*afterEach=*/false) << call << fileName);
+}
+
+bool writeBytes(wchar_t const* fileName, ABuffer const& bytes) {
+  ADetailTrace const trace(kGroup, traceText(L"fwrite", fileName));
+  File const file(std::fopen(ACharString(fileName), "wb"));
+  if (logErrnoIf(kGroup, file == nullptr)) return false;
+  bool const complete = std::fwrite(bytes.getBytes(), 1, bytes.size(), file.get()) == bytes.size();
+  return !logErrnoIf(kGroup, !complete || std::fflush(file.get()) != 0);
+}
+
+}  // namespace
+
+bool readWholeFile(wchar_t const* fileName, ABuffer* bytes) {
+  ADetailTrace const trace(kGroup, traceText(L"fread", fileName));
+  File const file(std::fopen(ACharString(fileName), "rb"));
+  if (logErrnoIf(kGroup, file == nullptr)) return false;
+  std::array<unsigned char, 16384> block;
+  while (std::size_t const count = std::fread(block.data(), 1, block.size(), file.get())) {
+    if (!bytes->tryExpandBy(count, block.data())) return false;
+    if (bytes->size() > kMaxSizeInBytes) errno = EFBIG;
+    if (logErrnoIf(kGroup, bytes->size() > kMaxSizeInBytes)) return false;
+  }
+  return !logErrnoIf(kGroup, std::ferror(file.get()) != 0);
+}
+
+bool writeWholeFile(wchar_t const* fileName, ABuffer const& bytes) {
+  AString const newName = AString(fileName) << L".new";
+  ACharString const newPath(newName);
+  if (writeBytes(newName, bytes)) {
+    ADetailTrace const trace(kGroup, traceText(L"rename", fileName));
+    if (!logErrnoIf(kGroup, std::rename(newPath, ACharString(fileName)) != 0)) return true;
+  }
+  static_cast<void>(std::remove(newPath));  // what failed has been logged
+  return false;
+}
+
+}  // namespace agent

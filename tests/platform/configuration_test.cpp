@@ -1,0 +1,272 @@
+#include "platform/common/file_io.h"
+#include "tests/platform/child_process.h"
+#include "tests/support/locale_scope.h"
+
+#include <vrxcomn/configuration.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <map>
+#include <optional>
+#include <string>
+
+#include <pwd.h>
+#include <unistd.h>
+
+namespace vrxutil::test {
+
+namespace {
+
+using vornix_com::oxa::configuration::IConfiguration;
+using vrxutil::detail::narrowFileName;
+
+using Environment = std::map<std::string, std::string>;
+
+constexpr uid_t kNobody = 65534;
+constexpr uid_t kStranger = 54321;  // not in the user database
+
+std::wstring dataFolder() {
+  return IConfiguration::GetConfiguration()->GetFrameworkDataDirectory();
+}
+
+std::wstring updaterFolder() { return IConfiguration::GetConfiguration()->GetUpdaterDataDir(); }
+
+/// Sets exactly these of the variables that the configuration reads.
+void setEnvironment(Environment const& environment) {
+  for (char const* name : {"VRX_DATA_DIR", "VRX_UPDATER_DIR", "XDG_STATE_HOME", "HOME"}) {
+    auto const variable = environment.find(name);
+    if (variable == environment.end()) {
+      ::unsetenv(name);
+    } else {
+      ::setenv(name, variable->second.c_str(), 1);
+    }
+  }
+}
+
+/// Runs `checks` in a child, so that environment, locale and user stay this
+/// process's.
+template <class Checks>
+void runChecks(Environment const& environment, Checks checks) {
+  ChildResult const result = runInChild([&] {
+    setEnvironment(environment);
+    checks();
+  });
+  EXPECT_EQ(0, result.status);
+  EXPECT_EQ("", result.standardError);
+}
+
+/// Goes on as somebody who is not root.
+void leaveRoot(uid_t user) {
+  if (::geteuid() == 0) ASSERT_EQ(0, ::setuid(user));
+}
+
+struct VariableRow {
+  char const* name;
+  char const* value;
+  std::wstring folder;
+};
+
+class VariableTest : public testing::TestWithParam<VariableRow> {};
+
+TEST_P(VariableTest, NamesTheFolder) {
+  runChecks({{"VRX_DATA_DIR", GetParam().value}, {"VRX_UPDATER_DIR", "/u"}}, [] {
+    EXPECT_EQ(GetParam().folder, dataFolder());
+    EXPECT_EQ(L"/u", updaterFolder());
+  });
+  runChecks({{"VRX_DATA_DIR", "/d"}, {"VRX_UPDATER_DIR", GetParam().value}}, [] {
+    EXPECT_EQ(L"/d", dataFolder());
+    EXPECT_EQ(GetParam().folder, updaterFolder());
+  });
+}
+
+template <class Row>
+std::string rowName(testing::TestParamInfo<Row> const& row) {
+  return row.param.name;
+}
+
+INSTANTIATE_TEST_SUITE_P(Folders, VariableTest,
+                         testing::Values(VariableRow{"Plain", "/srv/agent", L"/srv/agent"},
+                                         VariableRow{"SlashAtTheEnd", "/srv/agent/", L"/srv/agent"},
+                                         VariableRow{"Slashes", "/srv//agent///", L"/srv//agent"},
+                                         VariableRow{"Root", "/", L"/"},
+                                         VariableRow{"RootTwice", "//", L"/"},
+                                         VariableRow{"Blank", "/ a ", L"/ a "},
+                                         VariableRow{"Dots", "/a/../b/.", L"/a/../b/."}),
+                         rowName<VariableRow>);
+
+class UnusableVariableTest : public testing::TestWithParam<char const*> {};
+
+TEST_P(UnusableVariableTest, CountsAsUnset) {
+  runChecks({{"HOME", "/h"}, {"VRX_DATA_DIR", GetParam()}, {"VRX_UPDATER_DIR", GetParam()}}, [] {
+    std::wstring const data = dataFolder();
+    std::wstring const updater = updaterFolder();
+    setEnvironment({{"HOME", "/h"}});
+    EXPECT_EQ(dataFolder(), data);
+    EXPECT_EQ(updaterFolder(), updater);
+  });
+}
+
+INSTANTIATE_TEST_SUITE_P(Values, UnusableVariableTest,
+                         testing::Values("", "relative", "./a", "~/a", " /a"));
+
+#ifdef __APPLE__
+
+TEST(ConfigurationTest, FoldersOfMacOsLieInTheLibrary) {
+  runChecks({}, [] {
+    EXPECT_EQ(L"/Library/Vornix/oxa", dataFolder());
+    EXPECT_EQ(L"/Library/Vornix/updater", updaterFolder());
+  });
+}
+
+#else
+
+TEST(ConfigurationTest, RootUsesTheSystemsFolders) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can be root";
+  runChecks({{"HOME", "/h"}, {"XDG_STATE_HOME", "/s"}}, [] {
+    EXPECT_EQ(L"/var/lib/vornix/oxa", dataFolder());
+    EXPECT_EQ(L"/var/lib/vornix/updater", updaterFolder());
+  });
+}
+
+struct UserRow {
+  char const* name;
+  Environment environment;
+  std::wstring state;
+};
+
+class UserTest : public testing::TestWithParam<UserRow> {};
+
+TEST_P(UserTest, UsesTheXdgStateFolder) {
+  runChecks(GetParam().environment, [] {
+    leaveRoot(kNobody);
+    EXPECT_EQ(GetParam().state + L"/vornix/oxa", dataFolder());
+    EXPECT_EQ(GetParam().state + L"/vornix/updater", updaterFolder());
+  });
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Environments, UserTest,
+    testing::Values(
+        UserRow{"State", {{"XDG_STATE_HOME", "/s"}, {"HOME", "/h"}}, L"/s"},
+        UserRow{"StateIsRoot", {{"XDG_STATE_HOME", "/"}}, L""},
+        UserRow{"StateWithSlash", {{"XDG_STATE_HOME", "/s/"}}, L"/s"},
+        UserRow{"StateIsEmpty", {{"XDG_STATE_HOME", ""}, {"HOME", "/h"}}, L"/h/.local/state"},
+        UserRow{"StateIsRelative", {{"XDG_STATE_HOME", "s"}, {"HOME", "/h"}}, L"/h/.local/state"},
+        UserRow{"Home", {{"HOME", "/h"}}, L"/h/.local/state"},
+        UserRow{"HomeWithSlash", {{"HOME", "/h/"}}, L"/h/.local/state"},
+        UserRow{"HomeIsRoot", {{"HOME", "/"}}, L"/.local/state"}),
+    rowName<UserRow>);
+
+class HomelessTest : public testing::TestWithParam<Environment> {};
+
+TEST_P(HomelessTest, HomeComesFromTheUserDatabase) {
+  runChecks(GetParam(), [] {
+    leaveRoot(kNobody);
+    passwd const* const entry = ::getpwuid(::geteuid());
+    ASSERT_NE(nullptr, entry) << "this user has no entry in the user database";
+    std::string const home = entry->pw_dir;
+    EXPECT_EQ(std::wstring(home.begin(), home.end()) + L"/.local/state/vornix/oxa", dataFolder());
+  });
+}
+
+INSTANTIATE_TEST_SUITE_P(Environments, HomelessTest,
+                         testing::Values(Environment{}, Environment{{"HOME", ""}},
+                                         Environment{{"HOME", "h"}, {"XDG_STATE_HOME", "s"}}));
+
+TEST(ConfigurationTest, UserWithoutAHomeGetsTheSystemsFolders) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can become a user without an entry";
+  runChecks({}, [] {
+    ASSERT_EQ(nullptr, ::getpwuid(kStranger));
+    leaveRoot(kStranger);
+    EXPECT_EQ(L"/var/lib/vornix/oxa", dataFolder());
+    EXPECT_EQ(L"/var/lib/vornix/updater", updaterFolder());
+  });
+}
+
+#endif
+
+TEST(ConfigurationTest, EnvironmentIsAskedEachTime) {
+  runChecks({{"VRX_DATA_DIR", "/a"}}, [] {
+    EXPECT_EQ(L"/a", dataFolder());
+    setEnvironment({{"VRX_DATA_DIR", "/b"}});
+    EXPECT_EQ(L"/b", dataFolder());
+  });
+}
+
+struct BytesRow {
+  char const* name;
+  char const* locale;
+  std::string path;
+  std::wstring wide;
+  bool narrows;  // to the same bytes
+};
+
+class EncodingTest : public testing::TestWithParam<BytesRow> {};
+
+TEST_P(EncodingTest, PathNarrowsToItsBytesOrNotAtAll) {
+  runChecks({{"VRX_DATA_DIR", GetParam().path}}, [] {
+    LocaleScope const locale(GetParam().locale);
+    EXPECT_EQ(GetParam().wide, dataFolder());
+    std::optional<std::string> const expected =
+        GetParam().narrows ? std::optional(GetParam().path) : std::nullopt;
+    EXPECT_EQ(expected, narrowFileName(dataFolder()));
+  });
+}
+
+/// A byte that is no text in the locale.
+wchar_t loneByte(unsigned char byte) { return static_cast<wchar_t>(0xDC00 + byte); }
+
+INSTANTIATE_TEST_SUITE_P(
+    Bytes, EncodingTest,
+    testing::Values(
+        BytesRow{"Ascii", "C", "/a~", L"/a~", true},
+        BytesRow{"TwoToFourBytes", "C.UTF-8", "/\xC3\x84\xE2\x82\xAC\xF0\x90\x8D\x88",
+                 L"/\u00C4\u20AC\U00010348", true},
+        BytesRow{
+            "NoUtf8", "C.UTF-8", "/\xE9t\xE9", {L'/', loneByte(0xE9), L't', loneByte(0xE9)}, false},
+        BytesRow{"CutUtf8", "C.UTF-8", "/\xE2\x82", {L'/', loneByte(0xE2), loneByte(0x82)}, false},
+        BytesRow{"CutInTheMiddle",
+                 "C.UTF-8",
+                 "/\xE2\x82/\xC3\x84",
+                 {L'/', loneByte(0xE2), loneByte(0x82), L'/', L'\u00C4'},
+                 false}),
+    rowName<BytesRow>);
+
+TEST(ConfigurationTest, BytesBeyondAsciiInTheCLocaleNeverNameAnotherFolder) {
+  std::string const path = "/\xC3\x84";
+  runChecks({{"VRX_DATA_DIR", path}}, [&] {
+    LocaleScope const locale("C");
+    // Some C libraries take every byte for a character here.
+    EXPECT_EQ(path, narrowFileName(dataFolder()).value_or(path));
+    EXPECT_EQ(3U, dataFolder().size());
+  });
+}
+
+class OtherConfiguration final : public IConfiguration {
+public:
+  std::wstring GetFrameworkDataDirectory() override { return L"/other/data"; }
+
+  std::wstring GetUpdaterDataDir() override { return L"/other/updater"; }
+};
+
+TEST(ConfigurationSlotTest, SetConfigurationReturnsTheOneBeforeAndNullBringsTheBuiltInBack) {
+  IConfiguration* const builtIn = IConfiguration::GetConfiguration();
+  ASSERT_NE(nullptr, builtIn);
+  OtherConfiguration first;
+  OtherConfiguration second;
+  EXPECT_EQ(builtIn, IConfiguration::SetConfiguration(&first));
+  EXPECT_EQ(&first, IConfiguration::GetConfiguration());
+  EXPECT_EQ(L"/other/data", dataFolder());
+  EXPECT_EQ(L"/other/updater", updaterFolder());
+  EXPECT_EQ(&first, IConfiguration::SetConfiguration(&second));
+  EXPECT_EQ(&second, IConfiguration::SetConfiguration(nullptr));
+  EXPECT_EQ(builtIn, IConfiguration::GetConfiguration());
+  EXPECT_EQ(builtIn, IConfiguration::SetConfiguration(&first));
+  EXPECT_EQ(&first, IConfiguration::SetConfiguration(builtIn));
+  EXPECT_EQ(builtIn, IConfiguration::SetConfiguration(nullptr));
+}
+
+}  // namespace
+
+}  // namespace vrxutil::test
