@@ -1,8 +1,11 @@
 #include "linux/spare_text.h"
 
 #include <array>
+#include <memory>
 #include <new>
 #include <utility>
+
+#include <pthread.h>
 
 namespace vrxutil::detail {
 
@@ -22,22 +25,46 @@ struct Store {
 };
 
 // Plain variables without destructors: they can be read as long as the thread
-// runs, while the objects that thread_local destroys are gone before the last
-// scopes are deleted and the last errors logged.
+// runs.
 constinit thread_local Store* store = nullptr;
 constinit thread_local bool storeHasEnded = false;
 
-struct StoreOwner {
-  ~StoreOwner() {
-    delete std::exchange(store, nullptr);
-    storeHasEnded = true;
+void endStore(void* ended) {
+  store = nullptr;
+  storeHasEnded = true;
+  delete static_cast<Store*>(ended);
+}
+
+/// Ends the stores of threads. A key and not a thread_local object: those are
+/// gone, and new ones never destroyed, by the time that the last scopes of a
+/// thread are deleted and its last errors logged. The main thread's store stays
+/// to the end of the process.
+class StoreKey {
+public:
+  StoreKey() : isUsable_(::pthread_key_create(&key_, endStore) == 0) {}
+
+  ~StoreKey() {
+    if (std::exchange(isUsable_, false)) ::pthread_key_delete(key_);
   }
+
+  StoreKey(StoreKey const&) = delete;
+  StoreKey& operator=(StoreKey const&) = delete;
+
+  bool keep(Store* kept) const { return isUsable_ && ::pthread_setspecific(key_, kept) == 0; }
+
+private:
+  pthread_key_t key_{};
+  bool isUsable_;
 };
 
+StoreKey storeKey;
+
+/// This thread's store, or null where there cannot be one.
 Store* threadStore() noexcept {
   if (store != nullptr || storeHasEnded) return store;
-  thread_local StoreOwner const owner;
-  return store = new (std::nothrow) Store;
+  std::unique_ptr<Store> made(new (std::nothrow) Store);
+  if (made == nullptr || !storeKey.keep(made.get())) return nullptr;
+  return store = made.release();
 }
 
 }  // namespace

@@ -5,13 +5,19 @@
 
 #include <boost/thread/tss.hpp>
 
+#include <array>
 #include <atomic>
+#include <cstddef>
+#include <span>
 #include <utility>
 #include <vector>
 
 namespace {
 
 using vrxutil::detail::SpareText;
+
+/// Scopes that chainLog() writes without asking for memory.
+constexpr std::size_t kUsualDepth = 64;
 
 boost::thread_specific_ptr<ATraceStack> t_Stack;
 
@@ -69,14 +75,18 @@ void ATraceStack::log(wchar_t const* logGroup, wchar_t const* logText) {
   logErrorNoStack(logGroup, (*indented).c_str());
 }
 
-ATrace::ATrace() : ATrace(L"", L"", /*detail=*/false, /*logNow=*/false) {}
-
-ATrace::ATrace(wchar_t const* logGroup, wchar_t const* logText, bool detail, bool logNow)
-    : stack(getThreadTraceStack()), previous(nullptr), isDetail(detail) {
+ATrace::ATrace() : stack(getThreadTraceStack()), previous(nullptr), isDetail(false) {
   group.cpp_str() = vrxutil::detail::takeSpareText();
   message.cpp_str() = vrxutil::detail::takeSpareText();
-  group = logGroup;
   if (stack != nullptr) previous = std::exchange(stack->top, this);
+}
+
+// Once the delegated constructor is through, a logger that throws closes the
+// scope.
+ATrace::ATrace(wchar_t const* logGroup, wchar_t const* logText, bool detail, bool logNow)
+    : ATrace() {
+  group = logGroup;
+  isDetail = detail;
   set(logText, logNow);
 }
 
@@ -101,15 +111,21 @@ void ATrace::log() {
 
 void ATrace::chainLog() {
   // Not by recursion: scopes from new may be many more than a stack has room for.
-  std::vector<ATrace const*> scopes;
+  std::array<ATrace const*, kUsualDepth> few;
+  std::vector<ATrace const*> many;
+  std::size_t depth = 0;
+  for (ATrace const* scope = this; scope != nullptr; scope = scope->previous) ++depth;
+  if (depth > few.size()) many.resize(depth);
+  std::span<ATrace const*> const outermostFirst(depth > few.size() ? many.data() : few.data(),
+                                                depth);
   for (ATrace const* scope = this; scope != nullptr; scope = scope->previous) {
-    scopes.push_back(scope);
+    outermostFirst[--depth] = scope;
   }
-  for (auto scope = scopes.rbegin(); scope != scopes.rend(); ++scope) {
+  for (ATrace const* const scope : outermostFirst) {
     SpareText line(L" [");
-    *line += (*scope)->message;
+    *line += scope->message;
     *line += L"]->";
-    logErrorNoStack((*scope)->group, (*line).c_str());
+    logErrorNoStack(scope->group, (*line).c_str());
   }
 }
 

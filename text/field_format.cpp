@@ -57,18 +57,20 @@ Flags parseFlags(wchar_t const* characters) {
 class Digits {
 public:
   Digits(unsigned long magnitude, int base) {
-    auto const result = std::to_chars(digits_.begin(), digits_.end(), magnitude, base);
-    size_ = static_cast<std::size_t>(result.ptr - digits_.begin());
+    std::array<char, kMost> narrow;
+    auto const result = std::to_chars(narrow.begin(), narrow.end(), magnitude, base);
+    size_ = static_cast<std::size_t>(result.ptr - narrow.begin());
+    std::copy_n(narrow.begin(), size_, digits_.begin());
   }
 
   std::size_t size() const { return size_; }
 
-  char const* begin() const { return digits_.data(); }
-
-  char const* end() const { return digits_.data() + size_; }
+  wchar_t const* data() const { return digits_.data(); }
 
 private:
-  std::array<char, std::numeric_limits<unsigned long>::digits10 + 1> digits_;
+  static constexpr std::size_t kMost = std::numeric_limits<unsigned long>::digits10 + 1;
+
+  std::array<wchar_t, kMost> digits_;
   std::size_t size_;
 };
 
@@ -97,7 +99,7 @@ public:
 
   void add(Digits const& digits) {
     std::size_t const fitting = std::min(digits.size(), kNumberFieldSize - size_);
-    std::copy_n(digits.begin(), fitting, characters_.begin() + size_);
+    std::copy_n(digits.data(), fitting, characters_.begin() + size_);
     size_ += fitting;
   }
 
@@ -181,7 +183,7 @@ void foldCase(Flags const& flags, wchar_t* begin, wchar_t const* end) {
 
 void appendDecimal(std::wstring& text, unsigned long number) {
   Digits const digits(number, 10);
-  text.append(digits.begin(), digits.end());
+  text.append(digits.data(), digits.size());
 }
 
 void appendDecimal(std::wstring& text, long number) {
@@ -192,7 +194,7 @@ void appendDecimal(std::wstring& text, long number) {
 void appendPointer(std::wstring& text, void const* pointer) {
   constexpr std::size_t kDigits = 8;
   Digits const digits(reinterpret_cast<std::uintptr_t>(pointer) & 0xFFFFFFFF, 16);
-  text.append(kDigits - digits.size(), L'0').append(digits.begin(), digits.end());
+  text.append(kDigits - digits.size(), L'0').append(digits.data(), digits.size());
 }
 
 void appendField(std::wstring& text, AFormat const& field) {

@@ -152,6 +152,7 @@ int run(int argumentCount, char** arguments) {
 int main(int argc, char** argv) {
   // Text on the command line, and in the names of files, is in the encoding of
   // the user's locale.
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): there is no other thread yet
   std::setlocale(LC_ALL, "");
   try {
     return runMainWithLogging(run, argc, argv, L"agent", nullptr, /*alreadyAttached=*/false);

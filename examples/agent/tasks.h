@@ -6,8 +6,8 @@
 //   collect   path element [where] report   copies the elements of an XML file into
 //                                           another; where="NAME=VALUE" takes those
 //                                           with that attribute, "NAME" with any
-//   set       path element values           sets attributes, "NAME=VALUE, ...", in an
-//                                           XML file
+//   set       path element values           sets attributes, "NAME=VALUE, ...", in a
+//                                           plain XML file
 //   encrypt   path output                   writes an encrypted copy
 //
 // `element` is a path from the root, "software/package"; each step but the last

@@ -108,6 +108,7 @@ private:
                          char const* base, char const* systemId, char const* publicId,
                          char const* notation);
   void skippedEntity(char const* name, int isParameter);
+  static int refuseParameterEntities(void* builder);
 
   void addText(Node::Kind kind, std::string_view utf8);
   void flushText();
@@ -122,6 +123,7 @@ private:
   Element* current_;
   int depth_ = 0;
   int nestedEntities_ = 0;
+  bool inDoctype_ = false;
   bool hasExternalSubset_ = false;
   std::string pendingText_;
   std::size_t size_ = 0;
@@ -161,6 +163,7 @@ TreeBuilder::TreeBuilder(Store& store, XML_Parser parser, std::size_t documentLe
   XML_SetEntityDeclHandler(parser, Guarded<&TreeBuilder::entityDeclaration>::call);
   XML_SetSkippedEntityHandler(parser, Guarded<&TreeBuilder::skippedEntity>::call);
   XML_SetExternalEntityRefHandler(parser, refuseExternalEntity);
+  XML_SetNotStandaloneHandler(parser, refuseParameterEntities);
 }
 
 void TreeBuilder::rethrow() const {
@@ -250,7 +253,9 @@ void TreeBuilder::comment(char const* text) {
 
 void TreeBuilder::processingInstruction(char const* target, char const* data) {
   flushText();
-  addText(Node::Kind::pi, std::string(target).append(" ").append(data));
+  std::string instruction(target);
+  if (*data != '\0') instruction.append(" ").append(data);
+  addText(Node::Kind::pi, instruction);
 }
 
 void TreeBuilder::addText(Node::Kind kind, std::string_view utf8) {
@@ -261,17 +266,22 @@ void TreeBuilder::addText(Node::Kind kind, std::string_view utf8) {
 
 void TreeBuilder::startDoctype(char const* name, char const* systemId, char const* publicId,
                                int /*hasSubset*/) {
-  std::string doctype("<!DOCTYPE ");
-  doctype += name;
-  if (systemId != nullptr) {
-    hasExternalSubset_ = true;
-    char const quote = std::strchr(systemId, '"') == nullptr ? '"' : '\'';
-    doctype += publicId != nullptr ? std::string(" PUBLIC \"") + publicId + '"' : " SYSTEM";
-    doctype.append(1, ' ').append(1, quote).append(systemId).append(1, quote);
-  }
-  doctype += '>';
+  inDoctype_ = true;
+  if (systemId == nullptr) return;  // what it declares has its effect here
+  hasExternalSubset_ = true;
+  char const quote = std::strchr(systemId, '"') == nullptr ? '"' : '\'';
+  std::string doctype = std::string("<!DOCTYPE ") + name;
+  doctype += publicId != nullptr ? std::string(" PUBLIC \"") + publicId + '"' : " SYSTEM";
+  doctype.append(1, ' ').append(1, quote).append(systemId).append(1, quote).append(1, '>');
   vrxutil::detail::appendWide(doctype, store_.doctype);
   store_.doctypeFollows = store_.top.lastChild_;
+}
+
+/// Called for an external document type, before startDoctype(), which is not
+/// loaded, and for references to parameter entities inside a document type.
+/// What these might declare would be missing without notice.
+int TreeBuilder::refuseParameterEntities(void* builder) {
+  return static_cast<TreeBuilder*>(builder)->inDoctype_ ? XML_STATUS_ERROR : XML_STATUS_OK;
 }
 
 void TreeBuilder::entityDeclaration(char const* /*name*/, int /*isParameter*/, char const* value,
@@ -295,14 +305,16 @@ public:
   WideInput(XML_Parser parser, std::wstring_view text) : parser_(parser), rest_(text) {}
 
   /// False where the library found an error or was stopped. Stops early at a
-  /// character that is no Unicode scalar value.
+  /// NUL and at a character that is no Unicode scalar value.
   bool feed() {
     do {
       std::wstring_view const block = rest_.substr(0, kBlockLength);
-      std::size_t const room = std::max<std::size_t>(1, block.size()) * kMaxUtf8Size;
+      // The parser library takes NUL characters for a sign of UTF-16.
+      std::wstring_view const usable = block.substr(0, block.find(L'\0'));
+      std::size_t const room = std::max<std::size_t>(1, usable.size()) * kMaxUtf8Size;
       void* const buffer = XML_GetBuffer(parser_, static_cast<int>(room));
       if (buffer == nullptr) return false;
-      auto const converted = vrxutil::detail::encodeUtf8(block, static_cast<char*>(buffer));
+      auto const converted = vrxutil::detail::encodeUtf8(usable, static_cast<char*>(buffer));
       rest_.remove_prefix(converted.read);
       hasInvalid_ = converted.read != block.size();
       if (XML_ParseBuffer(parser_, static_cast<int>(converted.written),
@@ -366,7 +378,7 @@ Document* Parser::Parse(wchar_t const* text, int length) {
   if (!isParsed) throwParserError(parser.get());
   if (source.hasInvalid()) {
     auto const [line, column] = positionAfter(input.substr(0, input.size() - source.restSize()));
-    throw ParsingException(line, column, L"character that is no Unicode scalar value");
+    throw ParsingException(line, column, L"character that XML does not allow");
   }
   return document.release();
 }

@@ -990,16 +990,50 @@ TEST(ReplaceFileFaultTest, ModeThatNeedsNoChangeIsNotChanged) {
   EXPECT_EQ(fileBytes(path), "new");
 }
 
+bool writeTo(char const* path, std::string const& bytes) {
+  Descriptor const file(::open(path, O_WRONLY | O_CLOEXEC));
+  return ::write(file.get(), bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
+}
+
+/// Enters a user namespace in which there is root, who is this process's user,
+/// and nobody else.
+bool enterUserNamespace(int moreNamespaces) {
+  std::string const user = "0 " + std::to_string(::geteuid()) + " 1";
+  std::string const group = "0 " + std::to_string(::getegid()) + " 1";
+  return ::unshare(CLONE_NEWUSER | moreNamespaces) == 0 &&
+         writeTo("/proc/self/setgroups", "deny") && writeTo("/proc/self/uid_map", user) &&
+         writeTo("/proc/self/gid_map", group);
+}
+
 /// Runs `work` where it may mount. What it mounts goes with it.
 ChildResult runInMountNamespace(std::function<std::string()> const& work) {
   return runInChild([&] {
-    bool const isAlone = ::unshare(isRoot() ? CLONE_NEWNS : CLONE_NEWNS | CLONE_NEWUSER) == 0 &&
-                         ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
-    return isAlone ? work() : std::string("no mounts");
+    bool const isAlone = isRoot() ? ::unshare(CLONE_NEWNS) == 0 : enterUserNamespace(CLONE_NEWNS);
+    bool const isPrivate =
+        isAlone && ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+    return isPrivate ? work() : std::string("no mounts");
   });
 }
 
 constexpr char kNoMounts[] = "the host does not allow private mounts";
+
+TEST(ReplaceFileFaultTest, OwnerUnknownToTheUserNamespaceIsNotKept) {
+  if (!isRoot()) GTEST_SKIP() << "only root may give files away";
+  TemporaryFolder const folder;
+  std::string const path = folder / "file";
+  makeFile(path, "old");
+  ASSERT_EQ(::chown(path.c_str(), kOtherUser, kOtherGroup), 0);
+  ASSERT_EQ(::chmod(path.c_str(), 04640), 0);
+  ChildResult const result = runInChild([&]() -> std::string {
+    if (!enterUserNamespace(0)) return "no user namespaces";
+    return told(replaceFile(path, "new"));
+  });
+  if (result.told == "no user namespaces") GTEST_SKIP() << "the host does not allow namespaces";
+  EXPECT_EQ(result.told, "success");
+  EXPECT_EQ(statusOf(path).st_uid, ::geteuid());
+  EXPECT_EQ(modeOf(path), mode_t{0640});
+  EXPECT_EQ(fileBytes(path), "new");
+}
 
 TEST(ReplaceFileFaultTest, FullFileSystemLeavesTheOldFile) {
   TemporaryFolder const folder;

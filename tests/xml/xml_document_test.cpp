@@ -245,6 +245,35 @@ TEST(AnXmlTest, ColumnsAreRightAtEveryDistance) {
   }
 }
 
+// Line ends and wide characters lie across all boundaries of powers of two.
+TEST(AnXmlTest, PositionsAreRightInBigDocuments) {
+  constexpr unsigned long kLines = 500000;
+  std::wstring lines;
+  for (unsigned long i = 1; i < kLines; ++i) lines += L"x\u00e9\u20ac\U0001F600\r\n";
+  for (std::size_t shift = 0; shift < 6; ++shift) {
+    SCOPED_TRACE(shift);
+    std::wstring const start = L"<a>" + std::wstring(shift, L'\u00e9') + lines;
+    LogRecorder log;
+    AnXml xml;
+    EXPECT_FALSE(xml.useString((start + L"\u00e9&nope;</a>").c_str(), nullptr, nullptr, nullptr));
+    expectParseErrorAt(log, kLines, 2);
+    log.clear();
+    EXPECT_FALSE(xml.useString((start + L"\u00e9\xD800</a>").c_str(), nullptr, nullptr, nullptr));
+    expectParseErrorAt(log, kLines, 2);
+    log.clear();
+    EXPECT_FALSE(xml.useString((start + L"\u00e9\x01</a>").c_str(), nullptr, nullptr, nullptr));
+    expectParseErrorAt(log, kLines, 2);
+  }
+}
+
+TEST(AnXmlTest, NullTextIsAParseError) {
+  LoadedXml xml(L"<old/>");
+  LogRecorder log;
+  EXPECT_FALSE(xml.useString(nullptr, nullptr, nullptr, nullptr));
+  onlyParseError(log);
+  EXPECT_EQ(takeDocument(xml), std::nullopt);
+}
+
 // useNew.
 
 struct NewRow {

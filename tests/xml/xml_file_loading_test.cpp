@@ -163,6 +163,14 @@ TEST_F(AnXmlLoadingTest, MissingFileIsReportedWhereAskedForAndKeepsTheDocument) 
   }
 }
 
+TEST_F(AnXmlLoadingTest, NullNameIsTheNameThatNullTextReadsAs) {
+  LoadedXml xml(L"<old/>");
+  LogRecorder log;
+  EXPECT_FALSE(xml.useExistingFile(nullptr, nullptr, nullptr, nullptr));
+  EXPECT_EQ(log.records(), readFailure(L"(null)"));
+  EXPECT_EQ(takeDocument(xml), L"<old/>");
+}
+
 TEST_F(AnXmlLoadingTest, FileInAMissingFolderIsMissing) {
   std::wstring const file = folder_.wide("none/agent.xml");
   LogRecorder log;

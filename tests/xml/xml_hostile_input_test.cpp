@@ -132,6 +132,12 @@ TEST_F(HostileFileTest, MalformedFilesAreParseErrors) {
        "<!DOCTYPE a SYSTEM \"none.dtd\"><a>&nope;</a>"},
       {"unknown entity in an attribute behind an external document type",
        "<!DOCTYPE a SYSTEM \"none.dtd\"><a b=\"&nope;\"/>"},
+      {"unknown entity in a default behind an external document type",
+       "<!DOCTYPE a SYSTEM \"none.dtd\" [<!ATTLIST a b CDATA \"x&nope;y\">]><a/>"},
+      {"unknown entity in an entity behind an external document type",
+       "<!DOCTYPE a SYSTEM \"none.dtd\" [<!ENTITY e \"x&nope;y\">]><a>&e;</a>"},
+      {"unknown entity in an entity's attribute behind an external document type",
+       "<!DOCTYPE a SYSTEM \"none.dtd\" [<!ENTITY e \"<b c='&nope;'/>\">]><a>&e;</a>"},
       {"entity without semicolon", "<a>&amp</a>"},
       {"reference to NUL", "<a>&#0;</a>"},
       {"reference to a control character", "<a>&#1;</a>"},
@@ -257,6 +263,9 @@ TEST_F(HostileFileTest, NulIsAParseErrorWhereItStands) {
       {"before garbage", "<a/>\0<<<garbage>>>"s, 1, 5},
       {"before another document", "<a/>\r\n\0<b/>"s, 2, 1},
       {"in a record of zeros", "<a/>" + std::string(4096, '\0'), 1, 5},
+      {"second", "<\0a/>"s, 1, 2},
+      {"every second", "<\0a\0/\0>\0"s, 1, 2},
+      {"in front of each", "\0<\0a\0/\0>"s, 1, 1},
   };
   for (Row const& row : rows) {
     SCOPED_TRACE(row.name);
@@ -279,11 +288,16 @@ TEST_F(HostileFileTest, NulInOtherEncodingsIsAParseError) {
   }
 }
 
-TEST_F(HostileFileTest, Utf16WithoutMarkIsAnError) {
+// Without a mark it is UTF-8, and half of its characters are NUL.
+TEST_F(HostileFileTest, Utf16WithoutMarkIsAParseErrorAtTheFirstNul) {
   make(toUtf16(L"<a/>", ByteOrder::little));
-  expectRefused();
+  ParseError const little = expectParseError();
+  EXPECT_EQ(little.line, 1U);
+  EXPECT_EQ(little.column, 2U);
   make(toUtf16(L"<a/>", ByteOrder::big));
-  expectRefused();
+  ParseError const big = expectParseError();
+  EXPECT_EQ(big.line, 1U);
+  EXPECT_EQ(big.column, 1U);
 }
 
 // Entities.
@@ -416,8 +430,58 @@ TEST_F(HostileFileTest, ModestEntitiesLoad) {
   EXPECT_TRUE(xml.useExistingFile(file_.c_str(), L"a", nullptr, nullptr));
   EXPECT_EQ(log.errors(), std::vector<LogRecord>{});
   std::wstring const text = written(xml);
-  EXPECT_EQ(text.size(), std::wstring(L"<a></a>").size() +
-                             20 * (1000 + std::wstring(L"<b c=\"\"/>").size() + 100));
+  EXPECT_EQ(text.size(), std::wstring(L"<!DOCTYPE a><a></a>").size() +
+                             20 * (std::wstring(L"<b c=\"\"/>").size() + 100 + 1000));
+}
+
+// What is declared where it may be read counts, beside what may not.
+TEST_F(HostileFileTest, InternalDeclarationsCountBesideAnExternalDocumentType) {
+  std::string const subset =
+      "<!ENTITY e \"x\"><!ENTITY f \"<b w='1'/>\"><!ATTLIST a d CDATA \"-&e;-\">";
+
+  struct Row {
+    char const* name;
+    char const* element;
+    wchar_t const* text;
+  };
+
+  constexpr Row kRows[] = {
+      {"default", "<a/>", L"<a d=\"-x-\"/>"},
+      {"predefined entity in an attribute", "<a v=\"1&amp;&#50;\"/>",
+       L"<a v=\"1&amp;2\" d=\"-x-\"/>"},
+      {"entity in an attribute", "<a v=\"&e;\"/>", L"<a v=\"x\" d=\"-x-\"/>"},
+      {"entity in the text", "<a>&e;</a>", L"<a d=\"-x-\">x</a>"},
+      {"entity with an element", "<a>&f;</a>", L"<a d=\"-x-\"><b w=\"1\"/></a>"},
+  };
+  for (Row const& row : kRows) {
+    SCOPED_TRACE(row.name);
+    make("<!DOCTYPE a SYSTEM \"none.dtd\" [" + subset + "]>" + row.element);
+    LogRecorder log;
+    AnXml xml;
+    EXPECT_TRUE(xml.useExistingFile(file_.c_str(), L"a", nullptr, nullptr));
+    EXPECT_EQ(log.errors(), std::vector<LogRecord>{});
+    EXPECT_EQ(takeDocument(xml), std::wstring(L"<!DOCTYPE a SYSTEM \"none.dtd\">") + row.text);
+  }
+}
+
+// A document whose parameter entities are not followed is refused, not loaded
+// without what they and the rest of the document type declare.
+TEST_F(HostileFileTest, DeclarationsAreNotLostBehindParameterEntities) {
+  for (char const* const declarations :
+       {"<!ENTITY % p \"<!ATTLIST a b CDATA 'd'>\">%p;",
+        "<!ENTITY % p \"<!--c-->\">%p;<!ATTLIST a b CDATA \"d\">",
+        "<!ENTITY % p SYSTEM \"none.dtd\">%p;<!ATTLIST a b CDATA \"d\">",
+        "%nope;<!ATTLIST a b CDATA \"d\">"}) {
+    SCOPED_TRACE(declarations);
+    make(withDeclarations(declarations, "<a/>"));
+    LogRecorder log;
+    AnXml xml;
+    if (xml.useExistingFile(file_.c_str(), L"a", nullptr, nullptr)) {
+      EXPECT_EQ(value(AnXmlNode(&xml), L"b"), L"d");
+    } else {
+      onlyParseError(log);
+    }
+  }
 }
 
 // External files.

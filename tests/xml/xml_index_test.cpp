@@ -210,6 +210,10 @@ TEST(AnXmlChildIndexTest, SetOnNoneIsAnInternalError) {
   AnXmlChildIndex index;
   EXPECT_FALSE(index.set(&none, L"a"));
   EXPECT_EQ(log.records(), internalError(L"XmlIndx", L"Used uninitialized node"));
+
+  log.clear();
+  EXPECT_FALSE(index.set(nullptr, L"a"));
+  EXPECT_EQ(log.records(), internalError(L"XmlIndx", L"Used uninitialized node"));
 }
 
 TEST(AnXmlChildIndexTest, FailedSetEndsTheWalkBefore) {
@@ -580,6 +584,11 @@ TEST(AnXmlValueIndexTest, SetOnNoneIsAnInternalError) {
   log.clear();
   AnXmlValueIndex index;
   index.set(&none);
+  EXPECT_EQ(log.records(), internalError(L"XmlValx", L"Used uninitialized node"));
+  EXPECT_FALSE(index.moveNext(nullptr, nullptr));
+
+  log.clear();
+  index.set(nullptr);
   EXPECT_EQ(log.records(), internalError(L"XmlValx", L"Used uninitialized node"));
   EXPECT_FALSE(index.moveNext(nullptr, nullptr));
 }

@@ -72,6 +72,14 @@ TEST(AnXmlNodeTest, StandsOnNoneForAnEmptyOrNoHolder) {
       {"empty holder", [&] { return AnXmlNode(&empty); }},
       {"null holder", [] { return AnXmlNode(static_cast<AnXml*>(nullptr)); }},
       {"null document", [] { return AnXmlNode(static_cast<AdvXMLParser::Document*>(nullptr)); }},
+      {"null node", [] { return AnXmlNode(static_cast<AnXmlNode const*>(nullptr)); }},
+      {"the sentinel of no element", [] { return AnXmlNode(AdvXMLParser::Element::null); }},
+      {"set to the sentinel of no element",
+       [] {
+         AnXmlNode node;
+         node.setToZuxmlElement(AdvXMLParser::Element::null);
+         return node;
+       }},
       {"set to empty holder",
        [&] {
          AnXmlNode node;
@@ -178,6 +186,12 @@ TEST(AnXmlNodeTest, OperationsOnNoneReportOnceAndGiveNothing) {
       {"copyValues from none", quiet([&] { root.copyValues(&none); })},
       {"copyAsChild", quiet([&] { none.copyAsChild(&root); })},
       {"copyAsChild of none", quiet([&] { root.copyAsChild(&none); })},
+      {"matchesValue with null", [&] { return root.matchesValue(true, nullptr, L"n", nullptr); }},
+      {"containsValuesOf null", [&] { return root.containsValuesOf(nullptr); }},
+      {"containsChildrenOf none", [&] { return root.containsChildrenOf(&none); }},
+      {"containsChildrenOf null", [&] { return root.containsChildrenOf(nullptr); }},
+      {"copyValues from null", quiet([&] { root.copyValues(nullptr); })},
+      {"copyAsChild of null", quiet([&] { root.copyAsChild(nullptr); })},
       {"asLogString", [&] { return none.asLogString().size() != 0; }},
   };
   for (Row const& row : rows) {
@@ -325,7 +339,7 @@ TEST(AnXmlNodeTest, SettingValues) {
       {"attribute becomes empty", L"<r a=\"1\"/>", L"a", L"", L"<r a=\"\"/>"},
       {"attribute keeps the children", L"<r a=\"1\">t<c/></r>", L"a", L"2",
        L"<r a=\"2\">t<c/></r>"},
-      {"escapes in an attribute", L"<r/>", L"n", L"<\"&>'", L"<r n=\"&lt;&quot;&amp;&gt;'\"/>"},
+      {"escapes in an attribute", L"<r/>", L"n", L"<\"&>'", L"<r n=\"&lt;&quot;&amp;>'\"/>"},
       {"text", L"<r/>", L"", L"t", L"<r>t</r>"},
       {"other text", L"<r n=\"v\">old</r>", L"", L"t", L"<r n=\"v\">t</r>"},
       {"text in place of child elements", L"<r>a<c><d/></c>b<c/></r>", L"", L"t", L"<r>t</r>"},

@@ -3,8 +3,8 @@
 //
 // The tree keeps elements, attributes, text, character data sections, comments
 // and processing instructions, those outside the root element too, and the
-// document type's name and identifiers. Entities are expanded and default
-// attributes added while parsing.
+// reference to an external document type. Entities are expanded and default
+// attributes added while parsing; the declarations themselves are not kept.
 //
 // What hostile input meets: external entities are never loaded (a reference to
 // one is an error); nesting ends at 1,000 levels; what entities and default
@@ -167,7 +167,7 @@ private:
   constexpr explicit Comment(bool isNull) : TextNode(Kind::comment, isNull) {}
 };
 
-/// Its value is the target, a blank, and the data.
+/// Its value is the target and, where there are data, a blank and these.
 class VRXCOMN_EXPORT Pi : public TextNode {
 public:
   static Pi null;
