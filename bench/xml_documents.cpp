@@ -46,6 +46,7 @@ constexpr std::array<std::string_view, 4> kDescriptions{
 constexpr std::array<std::string_view, 4> kCommands{
     "/usr/local/sbin/agent-run --quiet --report", "/usr/sbin/softwareupdate -l",
     "/usr/bin/find /var/tmp -mtime +90 -delete", "/usr/local/sbin/collect --all"};
+constexpr std::array<std::string_view, 4> kUsers{"root", "backup", "_www", "nobody"};
 constexpr std::array<std::string_view, 6> kOptions{"compress", "timeout", "notify",
                                                    "retries",  "limit",   "user"};
 constexpr std::array<std::string_view, 6> kValues{"yes", "no", "300", "operators@example.org",
@@ -75,7 +76,7 @@ private:
     line(inner, "<schedule minute=\"" + digits(60) + "\" hour=\"" + digits(24) +
                     "\" day=\"*\" retries=\"" + digits(4) + "\"/>");
     line(inner, "<target path=\"/Volumes/archive/accounts-" + number + "\" mode=\"0640\"/>");
-    line(inner, "<command user=\"" + one(kValues) + "\">" + one(kCommands) + "</command>");
+    line(inner, "<command user=\"" + one(kUsers) + "\">" + one(kCommands) + "</command>");
     options(inner);
     if (nesting < 2 && sequence_.below(3) == 0) task(inner, nesting + 1);
     line(indent, "</task>");

@@ -68,7 +68,6 @@ Descriptor openWithoutWaiting(std::string const& path, int flags) {
 
 Failure readToEnd(Descriptor const& file, std::string const& path, std::size_t expected,
                   std::size_t limit, std::string& bytes) {
-  limit = std::min(limit, bytes.max_size() - 1);
   // One byte more than expected: the end shows without growing once more.
   bytes.resize(std::min(std::max(expected, kFirstRead), limit) + 1);
   std::size_t count = 0;
@@ -367,7 +366,6 @@ Failure readFile(std::string const& path, std::size_t limit, std::string& bytes)
   struct stat status {};
 
   if (::fstat(file.get(), &status) != 0) return lastError("read", path);
-  if (S_ISDIR(status.st_mode)) return FileError{"read", path, EISDIR};
   auto const size = S_ISREG(status.st_mode) ? static_cast<std::uintmax_t>(status.st_size) : 0;
   if (size > limit) return FileError{"read", path, EFBIG};
   return readToEnd(file, path, static_cast<std::size_t>(size), limit, bytes);

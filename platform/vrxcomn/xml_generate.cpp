@@ -24,10 +24,10 @@ constexpr Treatments treatmentsOf(std::string_view special) {
   return table;
 }
 
-// As Canonical XML has it: a carriage return would read back as a line feed; in
-// an attribute line feeds and tabs would read back as blanks.
+// A carriage return would read back as a line feed; in an attribute line feeds
+// and tabs would read back as blanks.
 constexpr Treatments kInText = treatmentsOf("&<>\r");
-constexpr Treatments kInAttribute = treatmentsOf("&<\"\t\n\r");
+constexpr Treatments kInAttribute = treatmentsOf("&<>\"\t\n\r");
 constexpr Treatments kVerbatim = treatmentsOf("");
 
 Treatment treatmentOf(wchar_t c, Treatments const& table) {

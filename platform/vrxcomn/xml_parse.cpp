@@ -10,9 +10,10 @@
 #include <array>
 #include <cstring>
 #include <exception>
+#include <functional>
 #include <memory>
 #include <new>
-#include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -107,13 +108,22 @@ private:
   void entityDeclaration(char const* name, int isParameter, char const* value, int size,
                          char const* base, char const* systemId, char const* publicId,
                          char const* notation);
+  void attributeDeclaration(char const* element, char const* attribute, char const* type,
+                            char const* defaultValue, int isRequired);
   void skippedEntity(char const* name, int isParameter);
   static int refuseParameterEntities(void* builder);
 
   void addText(Node::Kind kind, std::string_view utf8);
   void flushText();
   void addAttributes(char const** attributes);
-  void checkAttributeReferences();
+
+  struct Event {
+    std::string_view input;
+    std::size_t size = 0;
+  };
+
+  Event suspiciousEvent() const;
+  void checkReferences(std::string_view markup);
   void grow(std::size_t weight);
   void stop(std::wstring message);
 
@@ -125,6 +135,7 @@ private:
   int nestedEntities_ = 0;
   bool inDoctype_ = false;
   bool hasExternalSubset_ = false;
+  std::set<std::string, std::less<>> declaredEntities_{"lt", "gt", "amp", "apos", "quot"};
   std::string pendingText_;
   std::size_t size_ = 0;
   std::size_t largestSize_;
@@ -161,6 +172,7 @@ TreeBuilder::TreeBuilder(Store& store, XML_Parser parser, std::size_t documentLe
   XML_SetProcessingInstructionHandler(parser, Guarded<&TreeBuilder::processingInstruction>::call);
   XML_SetStartDoctypeDeclHandler(parser, Guarded<&TreeBuilder::startDoctype>::call);
   XML_SetEntityDeclHandler(parser, Guarded<&TreeBuilder::entityDeclaration>::call);
+  XML_SetAttlistDeclHandler(parser, Guarded<&TreeBuilder::attributeDeclaration>::call);
   XML_SetSkippedEntityHandler(parser, Guarded<&TreeBuilder::skippedEntity>::call);
   XML_SetExternalEntityRefHandler(parser, refuseExternalEntity);
   XML_SetNotStandaloneHandler(parser, refuseParameterEntities);
@@ -182,7 +194,8 @@ void TreeBuilder::grow(std::size_t weight) {
 void TreeBuilder::startElement(char const* name, char const** attributes) {
   flushText();
   if (depth_ == kDeepestNesting) stop(L"elements are nested deeper than 1000 levels");
-  if (hasExternalSubset_) checkAttributeReferences();
+  Event const tag = suspiciousEvent();
+  checkReferences(tag.input.substr(0, tag.size));
   Element& element = *store_.newElement(names_.intern(name));
   store_.append(*current_, element);
   current_ = &element;
@@ -203,21 +216,26 @@ void TreeBuilder::addAttributes(char const** attributes) {
   grow(weight);
 }
 
-/// In a document with a document type that is not loaded, the parser library
-/// drops references to entities that might be declared there from attribute
-/// values, and tells nobody.
-void TreeBuilder::checkAttributeReferences() {
+/// The input from the current event on, and how much of it is the event. Empty
+/// where no reference can have been dropped: in a document with a document type
+/// that is not loaded, the parser library drops references to entities that
+/// might be declared there from attribute values, and tells nobody.
+TreeBuilder::Event TreeBuilder::suspiciousEvent() const {
   int offset = 0;
   int available = 0;
+  if (!hasExternalSubset_) return {};
   char const* const input = XML_GetInputContext(parser_, &offset, &available);
-  if (input == nullptr) return;
-  std::string_view tag(input + offset, static_cast<std::size_t>(XML_GetCurrentByteCount(parser_)));
-  constexpr std::string_view kHarmless[] = {"#", "lt;", "gt;", "amp;", "apos;", "quot;"};
-  for (std::size_t at = tag.find('&'); at != std::string_view::npos; at = tag.find('&')) {
-    tag.remove_prefix(at + 1);
-    if (std::none_of(std::begin(kHarmless), std::end(kHarmless),
-                     [&](std::string_view harmless) { return tag.starts_with(harmless); })) {
-      stop(L"entity in an attribute of a document whose type is not loaded");
+  if (input == nullptr) return {};
+  return {{input + offset, static_cast<std::size_t>(available - offset)},
+          static_cast<std::size_t>(XML_GetCurrentByteCount(parser_))};
+}
+
+void TreeBuilder::checkReferences(std::string_view markup) {
+  for (std::size_t at = markup.find('&'); at != std::string_view::npos; at = markup.find('&')) {
+    markup.remove_prefix(at + 1);
+    std::string_view const name = markup.substr(0, markup.find(';'));
+    if (!name.starts_with('#') && !declaredEntities_.contains(name)) {
+      stop(L"entity whose declaration is not here");
     }
   }
 }
@@ -267,12 +285,14 @@ void TreeBuilder::addText(Node::Kind kind, std::string_view utf8) {
 void TreeBuilder::startDoctype(char const* name, char const* systemId, char const* publicId,
                                int /*hasSubset*/) {
   inDoctype_ = true;
-  if (systemId == nullptr) return;  // what it declares has its effect here
-  hasExternalSubset_ = true;
-  char const quote = std::strchr(systemId, '"') == nullptr ? '"' : '\'';
   std::string doctype = std::string("<!DOCTYPE ") + name;
-  doctype += publicId != nullptr ? std::string(" PUBLIC \"") + publicId + '"' : " SYSTEM";
-  doctype.append(1, ' ').append(1, quote).append(systemId).append(1, quote).append(1, '>');
+  if (systemId != nullptr) {
+    hasExternalSubset_ = true;
+    char const quote = std::strchr(systemId, '"') == nullptr ? '"' : '\'';
+    doctype += publicId != nullptr ? std::string(" PUBLIC \"") + publicId + '"' : " SYSTEM";
+    doctype.append(1, ' ').append(1, quote).append(systemId).append(1, quote);
+  }
+  doctype += '>';
   vrxutil::detail::appendWide(doctype, store_.doctype);
   store_.doctypeFollows = store_.top.lastChild_;
 }
@@ -284,13 +304,29 @@ int TreeBuilder::refuseParameterEntities(void* builder) {
   return static_cast<TreeBuilder*>(builder)->inDoctype_ ? XML_STATUS_ERROR : XML_STATUS_OK;
 }
 
-void TreeBuilder::entityDeclaration(char const* /*name*/, int /*isParameter*/, char const* value,
-                                    int size, char const* /*base*/, char const* /*systemId*/,
+void TreeBuilder::entityDeclaration(char const* name, int isParameter, char const* value, int size,
+                                    char const* /*base*/, char const* /*systemId*/,
                                     char const* /*publicId*/, char const* /*notation*/) {
   if (value == nullptr) return;
   std::string_view const text(value, static_cast<std::size_t>(size));
-  if (text.find_first_of("&%") == std::string_view::npos) return;
-  if (++nestedEntities_ > kMostNestedEntities) stop(L"too many entities refer to others");
+  bool const isNested = text.find_first_of("&%") != std::string_view::npos;
+  if (isNested && ++nestedEntities_ > kMostNestedEntities) {
+    stop(L"too many entities refer to others");
+  }
+  if (!hasExternalSubset_ || isParameter != 0) return;
+  checkReferences(text);
+  declaredEntities_.emplace(name);
+}
+
+void TreeBuilder::attributeDeclaration(char const* /*element*/, char const* /*attribute*/,
+                                       char const* /*type*/, char const* defaultValue,
+                                       int /*isRequired*/) {
+  if (defaultValue == nullptr) return;
+  // The event ends where the quoted default begins.
+  Event const declaration = suspiciousEvent();
+  std::string_view const literal = declaration.input.substr(declaration.size);
+  if (literal.empty()) return;
+  checkReferences(literal.substr(0, literal.find(literal.front(), 1)));
 }
 
 void TreeBuilder::skippedEntity(char const* /*name*/, int /*isParameter*/) {

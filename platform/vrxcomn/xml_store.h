@@ -106,8 +106,7 @@ struct Store {
   /// Holds the root element, and what stands before and after it, as children.
   Element top{/*isNull=*/false};
 
-  /// "<!DOCTYPE NAME IDENTIFIERS>" of an external document type, or empty, and
-  /// the node that it follows.
+  /// "<!DOCTYPE NAME IDENTIFIERS>", or empty, and the node that it follows.
   std::wstring doctype;
   Node const* doctypeFollows = nullptr;
 

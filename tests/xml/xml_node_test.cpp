@@ -339,7 +339,7 @@ TEST(AnXmlNodeTest, SettingValues) {
       {"attribute becomes empty", L"<r a=\"1\"/>", L"a", L"", L"<r a=\"\"/>"},
       {"attribute keeps the children", L"<r a=\"1\">t<c/></r>", L"a", L"2",
        L"<r a=\"2\">t<c/></r>"},
-      {"escapes in an attribute", L"<r/>", L"n", L"<\"&>'", L"<r n=\"&lt;&quot;&amp;>'\"/>"},
+      {"escapes in an attribute", L"<r/>", L"n", L"<\"&>'", L"<r n=\"&lt;&quot;&amp;&gt;'\"/>"},
       {"text", L"<r/>", L"", L"t", L"<r>t</r>"},
       {"other text", L"<r n=\"v\">old</r>", L"", L"t", L"<r n=\"v\">t</r>"},
       {"text in place of child elements", L"<r>a<c><d/></c>b<c/></r>", L"", L"t", L"<r>t</r>"},

@@ -156,7 +156,7 @@ TEST(XmlGenerateTest, CompactTextHasOneFormOnly) {
       {"greater-than sign in attributes", L"<a b=\">\"/>", L"<a b=\"&gt;\"/>"},
       {"end of character data", L"<a>]]&gt;</a>", L"<a>]]&gt;</a>"},
       {"blanks of instructions", L"<a><?p   q ?></a>", L"<a><?p q ?></a>"},
-      {"instruction without data", L"<a><?p?></a>", L"<a><?p ?></a>"},
+      {"instruction without data", L"<a><?p?></a>", L"<a><?p?></a>"},
   };
   for (GenerateRow const& row : rows) {
     SCOPED_TRACE(row.name);

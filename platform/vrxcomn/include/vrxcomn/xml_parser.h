@@ -3,7 +3,7 @@
 //
 // The tree keeps elements, attributes, text, character data sections, comments
 // and processing instructions, those outside the root element too, and the
-// reference to an external document type. Entities are expanded and default
+// document type's name and identifiers. Entities are expanded and default
 // attributes added while parsing; the declarations themselves are not kept.
 //
 // What hostile input meets: external entities are never loaded (a reference to
