@@ -89,15 +89,13 @@ void BM_AStringAppendInt(benchmark::State& state) {
 }
 
 void BM_SwprintfInt(benchmark::State& state) {
-  appendNumbers(state, [](std::wstring& text, long n) {
-    appendPrinted(text, L"%d", static_cast<int>(n));
-  });
+  appendNumbers(
+      state, [](std::wstring& text, long n) { appendPrinted(text, L"%d", static_cast<int>(n)); });
 }
 
 void BM_ToWstringInt(benchmark::State& state) {
-  appendNumbers(state, [](std::wstring& text, long n) {
-    text += std::to_wstring(static_cast<int>(n));
-  });
+  appendNumbers(state,
+                [](std::wstring& text, long n) { text += std::to_wstring(static_cast<int>(n)); });
 }
 
 void BM_AStringAppendUnsignedLong(benchmark::State& state) {
@@ -143,9 +141,8 @@ void BM_AStringAppendTextField(benchmark::State& state) {
 }
 
 void BM_SwprintfTextField(benchmark::State& state) {
-  appendNumbers(state, [](std::wstring& text, long /*n*/) {
-    appendPrinted(text, L"%-20ls", L"schedule");
-  });
+  appendNumbers(
+      state, [](std::wstring& text, long /*n*/) { appendPrinted(text, L"%-20ls", L"schedule"); });
 }
 
 BENCHMARK(BM_AStringAppendLong);

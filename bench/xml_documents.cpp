@@ -49,8 +49,8 @@ constexpr std::array<std::string_view, 4> kCommands{
 constexpr std::array<std::string_view, 4> kUsers{"root", "backup", "_www", "nobody"};
 constexpr std::array<std::string_view, 6> kOptions{"compress", "timeout", "notify",
                                                    "retries",  "limit",   "user"};
-constexpr std::array<std::string_view, 6> kValues{"yes", "no", "300", "operators@example.org",
-                                                  "5", "backup"};
+constexpr std::array<std::string_view, 6> kValues{"yes", "no",    "300", "operators@example.org",
+                                                  "5",   "backup"};
 
 class ConfigurationText {
 public:
@@ -68,9 +68,9 @@ private:
   // At most three levels deep.
   void task(std::string const& indent, int nesting) {
     auto const number = std::to_string(++tasks_);
-    line(indent, "<task name=\"task-" + number + "\" kind=\"" + one(kKinds) +
-                     "\" enabled=\"" + (sequence_.below(4) != 0 ? "true" : "false") +
-                     "\" priority=\"" + digits(10) + "\">");
+    line(indent, "<task name=\"task-" + number + "\" kind=\"" + one(kKinds) + "\" enabled=\"" +
+                     (sequence_.below(4) != 0 ? "true" : "false") + "\" priority=\"" + digits(10) +
+                     "\">");
     std::string const inner = indent + "  ";
     line(inner, "<description>" + one(kDescriptions) + "</description>");
     line(inner, "<schedule minute=\"" + digits(60) + "\" hour=\"" + digits(24) +

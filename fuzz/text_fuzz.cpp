@@ -131,8 +131,7 @@ void checkPlainNumbers(FuzzedDataProvider& data) {
 
 /// A text field has room for its text and for a width that is not negative.
 std::wstring expectedText(Field const& field, std::wstring const& text) {
-  std::wstring const all =
-      printed(specification(field, /*zero=*/false) + L"ls", text.c_str());
+  std::wstring const all = printed(specification(field, /*zero=*/false) + L"ls", text.c_str());
   std::size_t const room =
       std::max(text.size(), static_cast<std::size_t>(std::max(field.width, 0)));
   return foldedAs(all.substr(0, room), field.upper, field.lower);

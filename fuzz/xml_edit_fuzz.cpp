@@ -105,6 +105,7 @@ struct Model {
     for (auto const& child : children) count += child->size();
     return count;
   }
+
   // NOLINTEND(misc-no-recursion)
 };
 
@@ -277,19 +278,32 @@ void step(Program& program, Pair& pair) {
   wchar_t const* const second = program.name();
   wchar_t const* const value = program.value();
   switch (operation % 13) {
-    case 0: return pair.addChild(first, second, value);
-    case 1: return pair.setValue(first, value);
-    case 2: return pair.setValue(L"", value);
-    case 3: return pair.findChild(first, second, value, /*move=*/false);
-    case 4: return pair.findChild(first, second, value, /*move=*/true);
-    case 5: return pair.setChild(first, second, value, program.value());
-    case 6: return pair.removeChildren(program.byte());
-    case 7: return pair.removeHere();
-    case 8: return pair.copyRootHere();
-    case 9: return pair.copyRootValuesHere();
-    case 10: return pair.reload();
-    case 11: return pair.addChild(first, second, value);
-    default: return pair.toRoot();
+    case 0:
+      return pair.addChild(first, second, value);
+    case 1:
+      return pair.setValue(first, value);
+    case 2:
+      return pair.setValue(L"", value);
+    case 3:
+      return pair.findChild(first, second, value, /*move=*/false);
+    case 4:
+      return pair.findChild(first, second, value, /*move=*/true);
+    case 5:
+      return pair.setChild(first, second, value, program.value());
+    case 6:
+      return pair.removeChildren(program.byte());
+    case 7:
+      return pair.removeHere();
+    case 8:
+      return pair.copyRootHere();
+    case 9:
+      return pair.copyRootValuesHere();
+    case 10:
+      return pair.reload();
+    case 11:
+      return pair.addChild(first, second, value);
+    default:
+      return pair.toRoot();
   }
 }
 

@@ -107,8 +107,8 @@ std::optional<std::wstring> textOfFile(std::string const& bytes) {
   std::wstring text;
   auto encoding = AdvXMLParser::UTF_8;
   unsigned long size = 0;
-  bool const isRead = AdvXMLParser::ReadBufferFromFileNoExp(file.name(), text, encoding, &size,
-                                                            turnBits) >= 0;
+  bool const isRead =
+      AdvXMLParser::ReadBufferFromFileNoExp(file.name(), text, encoding, &size, turnBits) >= 0;
   std::string utf8;
   auto sameEncoding = AdvXMLParser::UTF_8;
   bool const isReadAgain = AdvXMLParser::ReadUtf8BufferFromFileNoExp(
@@ -130,6 +130,7 @@ bool expatTakes(std::string const& utf8) {
   struct Deleter {
     void operator()(XML_Parser parser) const { XML_ParserFree(parser); }
   };
+
   std::unique_ptr<std::remove_pointer_t<XML_Parser>, Deleter> const parser(
       XML_ParserCreate("UTF-8"));
   return XML_Parse(parser.get(), utf8.data(), static_cast<int>(utf8.size()), /*isFinal=*/1) ==
@@ -138,8 +139,8 @@ bool expatTakes(std::string const& utf8) {
 
 void checkPosition(AdvXMLParser::ParsingException const& error, std::wstring const& text) {
   // CR LF counts once.
-  auto const lineEnds = std::count(text.begin(), text.end(), L'\n') +
-                        std::count(text.begin(), text.end(), L'\r');
+  auto const lineEnds =
+      std::count(text.begin(), text.end(), L'\n') + std::count(text.begin(), text.end(), L'\r');
   require(error.GetLine() >= 1 && error.GetLine() <= 1 + static_cast<unsigned long>(lineEnds),
           "the line of an error is one of the text's");
   require(error.GetColumn() >= 1 && error.GetColumn() <= text.size() + 1,

@@ -35,7 +35,7 @@ struct StacksEnd {
   }
 };
 
-StacksEnd const stacksEnd;
+StacksEnd stacksEnd;
 
 }  // namespace
 

@@ -24,6 +24,7 @@ namespace {
 /// them need no call into the C library. Encodings that are not listed take the
 /// library's way alone: in some of them, such as Shift JIS, they are not.
 bool lowerHalfIsAscii() {
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): as safe as the conversions themselves
   std::string_view const codeset = nl_langinfo(CODESET);
   return codeset == "UTF-8" || codeset == "ANSI_X3.4-1968" || codeset == "US-ASCII" ||
          codeset.starts_with("ISO-8859-") || codeset.starts_with("ISO8859-");
@@ -35,6 +36,7 @@ std::size_t asciiStart(char const* text, std::size_t size) {
 
 /// wcrtomb, with "?" for a character that the locale's encoding lacks.
 std::size_t narrowOne(wchar_t character, char* target, std::mbstate_t& state) {
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): safe with a state of its own
   std::size_t const size = std::wcrtomb(target, character, &state);
   if (size != kInvalid) return size;
   *target = '?';
@@ -82,6 +84,7 @@ unsigned long conversionSpaceRequired(char const* text) {
 wchar_t convertOne(char byte) {
   wchar_t character = 0;
   std::mbstate_t state{};
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): safe with a state of its own
   std::size_t const result = std::mbrtowc(&character, &byte, 1, &state);
   if (result == 1) return character;
   logError(L"String", L"couldn't convert a wide character");

@@ -22,8 +22,8 @@ struct Free {
 using DocumentHandle = std::unique_ptr<xmlDoc, Free>;
 
 DocumentHandle parsed(std::string const& text) {
-  return DocumentHandle(xmlReadMemory(text.data(), static_cast<int>(text.size()), nullptr, nullptr,
-                                      XML_PARSE_NONET));
+  return DocumentHandle(
+      xmlReadMemory(text.data(), static_cast<int>(text.size()), nullptr, nullptr, XML_PARSE_NONET));
 }
 
 xmlChar const* asXml(char const* text) { return reinterpret_cast<xmlChar const*>(text); }

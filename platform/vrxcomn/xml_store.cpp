@@ -230,7 +230,7 @@ void Store::appendText(TextNode& node, std::wstring_view text) {
   if (size > UINT32_MAX) throw std::bad_alloc();
   bool const hasRoom = node.capacityClass_ != 0 && size <= (std::size_t{1} << node.capacityClass_);
   if (!hasRoom) moveText(node, size);
-  wchar_t* const memory = const_cast<wchar_t*>(node.value_);
+  auto* const memory = const_cast<wchar_t*>(node.value_);
   std::copy(text.begin(), text.end(), memory + node.length_);
   memory[length] = 0;
   node.length_ = static_cast<std::uint32_t>(length);

@@ -1,4 +1,3 @@
-#include "platform/common/file_io.h"
 #include "tests/platform/child_process.h"
 #include "tests/support/locale_scope.h"
 
@@ -6,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
+#include <cstddef>
 #include <cstdlib>
 #include <map>
 #include <optional>
@@ -19,7 +20,6 @@ namespace vrxutil::test {
 namespace {
 
 using vornix_com::oxa::configuration::IConfiguration;
-using vrxutil::detail::narrowFileName;
 
 using Environment = std::map<std::string, std::string>;
 
@@ -31,6 +31,15 @@ std::wstring dataFolder() {
 }
 
 std::wstring updaterFolder() { return IConfiguration::GetConfiguration()->GetUpdaterDataDir(); }
+
+/// `path` as the system's calls take it; nothing where the locale cannot express it.
+std::optional<std::string> narrowed(std::wstring const& path) {
+  std::string bytes(path.size() * MB_LEN_MAX + 1, '\0');
+  std::size_t const length = std::wcstombs(bytes.data(), path.c_str(), bytes.size());
+  if (length == static_cast<std::size_t>(-1)) return std::nullopt;
+  bytes.resize(length);
+  return bytes;
+}
 
 /// Sets exactly these of the variables that the configuration reads.
 void setEnvironment(Environment const& environment) {
@@ -213,7 +222,7 @@ TEST_P(EncodingTest, PathNarrowsToItsBytesOrNotAtAll) {
     EXPECT_EQ(GetParam().wide, dataFolder());
     std::optional<std::string> const expected =
         GetParam().narrows ? std::optional(GetParam().path) : std::nullopt;
-    EXPECT_EQ(expected, narrowFileName(dataFolder()));
+    EXPECT_EQ(expected, narrowed(dataFolder()));
   });
 }
 
@@ -241,7 +250,7 @@ TEST(ConfigurationTest, BytesBeyondAsciiInTheCLocaleNeverNameAnotherFolder) {
   runChecks({{"VRX_DATA_DIR", path}}, [&] {
     LocaleScope const locale("C");
     // Some C libraries take every byte for a character here.
-    EXPECT_EQ(path, narrowFileName(dataFolder()).value_or(path));
+    EXPECT_EQ(path, narrowed(dataFolder()).value_or(path));
     EXPECT_EQ(3U, dataFolder().size());
   });
 }

@@ -117,6 +117,19 @@ TEST(AStringListTest, EmptyItemsCount) {
   EXPECT_EQ(read(after), L",,");
 }
 
+TEST(AStringListTest, ItemMayBeTheListsOwnText) {
+  for (bool const afterEach : {false, true}) {
+    AStringList list(L"--", afterEach);
+    list << L"a" << L"b";
+    std::wstring expected = read(list);
+    for (int round = 0; round < 5; ++round) {
+      list << static_cast<wchar_t const*>(list);
+      expected = afterEach ? expected + expected + L"--" : expected + L"--" + expected;
+      ASSERT_EQ(read(list), expected);
+    }
+  }
+}
+
 TEST(AStringListTest, ItemThatFailsToConvertIsEmpty) {
   LocaleScope const locale("C.UTF-8");
   LogRecorder const recorder;

@@ -5,6 +5,7 @@
 #include <vrxcomn/crypto.h>
 
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -14,7 +15,7 @@ namespace vrxutil::test {
 /// turning each byte over.
 class FakeCryptShim final : public vornix_com::RQ::crypto::CryptShim {
 public:
-  enum class Failure { none, create, encrypt, decrypt };
+  enum class Failure { none, create, encrypt, decrypt, exception };
 
   FakeCryptShim() : before_(set_instance(this)) {}
 
@@ -53,6 +54,7 @@ private:
 
     int encrypt(Buffer const& in, Buffer& out) override {
       shim_.encrypted.push_back(in.cpp_str());
+      shim_.throwIfAsked();
       if (shim_.failure == Failure::encrypt) return 0;
       out.cpp_str() = flip(in.cpp_str());
       return 1;
@@ -60,6 +62,7 @@ private:
 
     int decrypt(Buffer const& in, Buffer& out) override {
       shim_.decrypted.push_back(in.cpp_str());
+      shim_.throwIfAsked();
       if (shim_.failure == Failure::decrypt) return 0;
       out.cpp_str() = flip(in.cpp_str());
       return 1;
@@ -68,6 +71,10 @@ private:
   private:
     FakeCryptShim& shim_;
   };
+
+  void throwIfAsked() const {
+    if (failure == Failure::exception) throw std::runtime_error("crypto service");
+  }
 
   vornix_com::RQ::crypto::CryptShim* before_;
 };

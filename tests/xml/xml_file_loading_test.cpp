@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -696,6 +697,23 @@ TEST_F(AnXmlCryptServiceTest, FailureToEncryptLeavesTheFile) {
     EXPECT_FALSE(xml.writeFile(missing_.c_str(), /*encrypt=*/true, /*generateFlag=*/false));
     EXPECT_EQ(entries(folder_.path()), std::vector<std::string>{"agent.xml"});
   }
+}
+
+TEST_F(AnXmlCryptServiceTest, ExceptionOfTheServicePassesAndChangesNothing) {
+  LoadedXml xml(L"<a/>");
+  std::wstring const secret = folder_.wide("secret.xml");
+  ASSERT_TRUE(xml.writeFile(secret.c_str(), /*encrypt=*/true, /*generateFlag=*/false));
+  shim_.failure = FakeCryptShim::Failure::exception;
+  EXPECT_THROW(xml.writeFile(file_.c_str(), /*encrypt=*/true, /*generateFlag=*/false),
+               std::runtime_error);
+  EXPECT_EQ(fileBytes(path_), toUtf8(kDocument));
+  EXPECT_EQ(entries(folder_.path()), (std::vector<std::string>{"agent.xml", "secret.xml"}));
+  EXPECT_THROW(xml.useExistingFile(secret.c_str(), nullptr, nullptr, nullptr), std::runtime_error);
+  EXPECT_EQ(shim_.objectsAlive, 0);
+
+  LogRecorder log;
+  EXPECT_FALSE(xml.useString(L"<b/>", L"other", nullptr, nullptr));
+  EXPECT_EQ(log.errors().size(), 3U) << "the scopes of the calls before are closed";
 }
 
 TEST_F(AnXmlCryptServiceTest, EncryptedTextWithMarkLosesIt) {

@@ -215,6 +215,17 @@ TEST_F(AnXmlWritingTest, NameThatTheLocaleCannotExpressIsAnError) {
   EXPECT_EQ(entries(folder_.path()), std::vector<std::string>{});
 }
 
+TEST_F(AnXmlWritingTest, NullNameIsTheNameThatNullTextReadsAs) {
+  runInChild([&] {
+    ASSERT_EQ(::chdir(folder_.path().c_str()), 0);
+    LoadedXml xml(L"<a/>");
+    LogRecorder log;
+    EXPECT_TRUE(xml.writeFile(nullptr, false, false));
+    EXPECT_EQ(log.records(), openedScopes({writeTrace(L"(null)")}));
+  });
+  EXPECT_EQ(entries(folder_.path()), std::vector<std::string>{"(null)"});
+}
+
 // Stands in for a disk that runs full in the middle of the file.
 TEST_F(AnXmlWritingTest, FailureHalfwayLeavesTheOldFile) {
   makeFile(path_, "old");

@@ -251,6 +251,7 @@ TEST(AnXmlChildIndexTest, CloseEndsTheWalk) {
   ASSERT_TRUE(index.moveNext(nullptr, nullptr));
   index.close();
   EXPECT_FALSE(index.moveNext(nullptr, nullptr));
+  EXPECT_EQ(value(index, L"id"), L"1") << "the cursor stays where it is";
   EXPECT_EQ(tree.log.records(), nothing());
   EXPECT_FALSE(index.remove());
   EXPECT_EQ(tree.log.records(), removeWithoutMove());
@@ -355,6 +356,34 @@ TEST(AnXmlChildIndexTest, RemovingTwiceInARowIsAnInternalError) {
     EXPECT_EQ(tree.log.records(), removeWithoutMove());
     EXPECT_EQ(tree.text(), once);
     EXPECT_EQ(remainingIds(index).size(), static_cast<std::size_t>(5 - moves));
+  }
+}
+
+TEST(AnXmlChildIndexTest, CursorStandsOnNoneBetweenRemovalAndMove) {
+  Tree tree(kMixed);
+  AnXmlChildIndex index(&tree.root, nullptr);
+  ASSERT_TRUE(index.moveNext(nullptr, nullptr));
+  ASSERT_TRUE(index.remove());
+  EXPECT_FALSE(index.positionValid());
+  EXPECT_EQ(tree.log.records(), uninitializedNode());
+  ASSERT_TRUE(index.moveNext(nullptr, nullptr));
+  EXPECT_EQ(value(index, L"id"), L"2");
+}
+
+// The memory of what was removed may serve what is added.
+TEST(AnXmlChildIndexTest, RemovingTwiceSparesWhatWasAddedInBetween) {
+  for (bool const atTheParent : {false, true}) {
+    Tree tree(L"<r><a/><b/><c/></r>");
+    AnXmlNode added = atTheParent ? tree.root : child(tree.root, L"c");
+    AnXmlChildIndex index(&tree.root, nullptr);
+    ASSERT_TRUE(index.moveNext(nullptr, nullptr));
+    EXPECT_TRUE(index.remove());
+    added.addChild(nullptr, L"new", nullptr, nullptr);
+    EXPECT_FALSE(index.remove());
+    EXPECT_EQ(tree.log.records(), removeWithoutMove());
+    EXPECT_EQ(tree.text(), atTheParent ? L"<r><b/><c/><new/></r>" : L"<r><b/><c><new/></c></r>");
+    EXPECT_TRUE(index.moveNext(nullptr, nullptr));
+    EXPECT_EQ(index.getName().const_cpp_str(), L"b");
   }
 }
 
