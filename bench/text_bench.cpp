@@ -184,7 +184,8 @@ std::wstring wideSample(Script script, benchmark::State const& state) {
 
 std::string narrowSample(Script script, benchmark::State const& state) {
   LocaleScope const locale(kUtf8Locale);
-  return std::string(ACharString(wideSample(script, state).c_str()));
+  ACharString const narrow(wideSample(script, state).c_str());
+  return {narrow, static_cast<std::size_t>(narrow.size())};
 }
 
 void countCharacters(benchmark::State& state) {

@@ -183,7 +183,7 @@ void checkNarrowing(std::wstring const& wide) {
 }
 
 void checkReplacing(FuzzedDataProvider& data, std::wstring const& text) {
-  std::size_t const at = data.ConsumeIntegralInRange<std::size_t>(0, text.size());
+  auto const at = data.ConsumeIntegralInRange<std::size_t>(0, text.size());
   std::wstring const find = text.substr(at, data.ConsumeIntegralInRange<std::size_t>(0, 64));
   std::wstring const replacement = data.ConsumeBool() ? find + find.substr(0, 2) : L"";
   std::wstring expected = text;

@@ -78,7 +78,9 @@ struct Model {
   // NOLINTBEGIN(misc-no-recursion)
   void write(std::wstring& out) const {
     out += L"<" + name;
-    for (auto const& [key, held] : attributes) out += L" " + key + L"=\"" + held + L"\"";
+    for (auto const& [key, held] : attributes) {
+      out.append(L" ").append(key).append(L"=\"").append(held).append(L"\"");
+    }
     if (text.empty() && children.empty()) {
       out += L"/>";
       return;

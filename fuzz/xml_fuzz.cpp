@@ -71,7 +71,8 @@ bool turnBits(std::string const& in, std::string& out) {
 /// Valid UTF-8 as wide text, by iconv. Its WCHAR_T would take more than Unicode.
 std::optional<std::wstring> widenedByIconv(std::string bytes) {
   constexpr bool kIsLittle = std::endian::native == std::endian::little;
-  iconv_t const conversion = ::iconv_open(kIsLittle ? "UTF-32LE" : "UTF-32BE", "UTF-8");
+  iconv_t conversion = ::iconv_open(kIsLittle ? "UTF-32LE" : "UTF-32BE", "UTF-8");
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): iconv_open's failure
   require(conversion != reinterpret_cast<iconv_t>(-1), "iconv knows UTF-8");
   std::wstring text(bytes.size(), L'\0');
   char* in = bytes.data();

@@ -26,7 +26,7 @@ AutoPtr<Document> parsed(std::string const& text) {
   Poco::XML::DOMParser parser;
   // Nobody else here looks at namespaces.
   parser.setFeature(Poco::XML::XMLReader::FEATURE_NAMESPACES, false);
-  return AutoPtr<Document>(parser.parseString(text));
+  return {parser.parseString(text)};
 }
 
 void BM_PocoParse(benchmark::State& state) {

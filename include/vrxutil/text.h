@@ -12,7 +12,7 @@
 //
 // Calls that do not compile, or surprise, and what to write instead:
 //   AString(5u), AString(5ll)        ambiguous: cast to unsigned long or long
-//   text = 5, text = 0, AString(0)   ambiguous (also a null pointer): 5L, 0L
+//   text = 5, text = 0               ambiguous (the latter also with pointers): 5L, 0L
 //   AString(nullptr)                 ambiguous: cast to the pointer that is meant
 //   AString(static_cast<unsigned char>(65)) is "65", not "A": cast to char
 //   AString(2.5)                     ambiguous: there is no form for fractions
@@ -58,7 +58,8 @@ struct VRXUTIL_EXPORT AFormat {
   Value value;
   wchar_t const* flags;
   /// Minimum field width in characters; -1 is none. Another negative width
-  /// stands in the printf specification as it is: pad on the right to its size.
+  /// stands in the printf specification as it is: a number is padded on the right
+  /// to its size, a text is not, for lack of room.
   int width;
   /// Digits at least, or characters at most, as for printf; -1 is none.
   int precision;

@@ -366,7 +366,7 @@ TEST(TextConversionTest, CLibrarysHiddenStateDoesNotMatter) {
   EXPECT_EQ(convertOne('a'), L'a');
   std::mbtowc(&ignored, "\xC3", 1);
   EXPECT_EQ(AString("b").const_cpp_str(), L"b");
-  std::mbrtowc(&ignored, "\xC3", 1, nullptr);
+  std::mbtowc(&ignored, "\xC3", 1);
   EXPECT_EQ(AString('c').const_cpp_str(), L"c");
   EXPECT_EQ(recorder.records(), Records());
   std::mbtowc(nullptr, nullptr, 0);

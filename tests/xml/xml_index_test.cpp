@@ -387,6 +387,33 @@ TEST(AnXmlChildIndexTest, RemovingTwiceSparesWhatWasAddedInBetween) {
   }
 }
 
+TEST(AnXmlChildIndexTest, ChildRemovedByAnotherCursorSparesWhatWasAddedInBetween) {
+  for (bool const atTheParent : {false, true}) {
+    Tree tree(L"<r><a/><b/><c/></r>");
+    AnXmlNode added = atTheParent ? tree.root : child(tree.root, L"c");
+    AnXmlChildIndex index(&tree.root, nullptr);
+    ASSERT_TRUE(index.moveNext(nullptr, nullptr));
+    child(tree.root, L"a").remove();
+    added.addChild(nullptr, L"new", nullptr, nullptr);
+    EXPECT_FALSE(index.remove());
+    EXPECT_EQ(tree.log.records(), removeWithoutMove());
+    EXPECT_EQ(tree.text(), atTheParent ? L"<r><b/><c/><new/></r>" : L"<r><b/><c><new/></c></r>");
+  }
+}
+
+// The walk goes on with the child that followed, also when the memory of the one
+// in between is used again before.
+TEST(AnXmlChildIndexTest, NextChildRemovedByAnotherCursorAndElementsAddedElsewhere) {
+  Tree tree(L"<r><a/><b/><c/><d/></r>");
+  AnXmlNode const d = child(tree.root, L"d");
+  AnXmlChildIndex index(&tree.root, nullptr);
+  ASSERT_TRUE(index.moveNext(nullptr, nullptr));
+  child(tree.root, L"b").remove();
+  AnXmlNode(&d).addChild(nullptr, L"new", nullptr, nullptr);
+  ASSERT_TRUE(index.moveNext(nullptr, nullptr));
+  EXPECT_EQ(index.getName().const_cpp_str(), L"c");
+}
+
 TEST(AnXmlChildIndexTest, RemoveAtTheEndDeletesTheChildVisitedLast) {
   Tree tree(kMixed);
   AnXmlChildIndex index(&tree.root, L"c");

@@ -591,6 +591,17 @@ TEST(XmlIteratorTest, StepsFromADeletedNode) {
   EXPECT_EQ(std::wstring(backward->GetName()), L"a");
 }
 
+TEST(XmlIteratorTest, SurvivesUseOfTheDeletedNodesMemory) {
+  std::unique_ptr<Document> const document = parse(L"<r><a/><b/><c/><d/></r>");
+  Element& root = document->GetRoot();
+  Iterator<Element> i(root);
+  ++i;
+  (*i).Delete();
+  Iterator<Element>(root)->AddElementInto(L"new");
+  ASSERT_FALSE(i.AtEnd());
+  EXPECT_EQ(std::wstring(i->GetName()), L"c");
+}
+
 TEST(XmlIteratorTest, SurvivesDeletionOfAttributes) {
   std::unique_ptr<Document> const document = parse(L"<r a=\"1\" b=\"2\" c=\"3\"/>");
   Iterator<Attribute> i(document->GetRoot());
