@@ -56,48 +56,69 @@ class ConfigurationText {
 public:
   std::string make() {
     text_ =
-        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-        "<agent version=\"4.2.1\" host=\"node-17\">\n"
-        "  <!-- written by the console; changes are overwritten -->\n"
-        "  <tasks>\n";
+        R"(<?xml version="1.0" encoding="UTF-8"?>
+<agent version="4.2.1" host="node-17">
+  <!-- written by the console; changes are overwritten -->
+  <tasks>
+)";
     while (text_.size() < kConfigurationSize) task("    ", /*nesting=*/0);
     return text_ + "  </tasks>\n</agent>\n";
   }
 
 private:
-  // At most three levels deep.
+  // NOLINTNEXTLINE(misc-no-recursion): at most three levels deep
   void task(std::string const& indent, int nesting) {
     auto const number = std::to_string(++tasks_);
-    line(indent, "<task name=\"task-" + number + "\" kind=\"" + one(kKinds) + "\" enabled=\"" +
-                     (sequence_.below(4) != 0 ? "true" : "false") + "\" priority=\"" + digits(10) +
-                     "\">");
+    start(indent, "task");
+    attribute("name", "task-" + number);
+    attribute("kind", sequence_.oneOf(kKinds));
+    attribute("enabled", sequence_.below(4) != 0 ? "true" : "false");
+    attribute("priority", digits(10));
+    endLine(">");
     std::string const inner = indent + "  ";
-    line(inner, "<description>" + one(kDescriptions) + "</description>");
-    line(inner, "<schedule minute=\"" + digits(60) + "\" hour=\"" + digits(24) +
-                    "\" day=\"*\" retries=\"" + digits(4) + "\"/>");
-    line(inner, "<target path=\"/Volumes/archive/accounts-" + number + "\" mode=\"0640\"/>");
-    line(inner, "<command user=\"" + one(kUsers) + "\">" + one(kCommands) + "</command>");
+    start(inner, "description");
+    endLine(">", sequence_.oneOf(kDescriptions), "</description>");
+    start(inner, "schedule");
+    attribute("minute", digits(60));
+    attribute("hour", digits(24));
+    attribute("day", "*");
+    attribute("retries", digits(4));
+    endLine("/>");
+    start(inner, "target");
+    attribute("path", "/Volumes/archive/accounts-" + number);
+    attribute("mode", "0640");
+    endLine("/>");
+    start(inner, "command");
+    attribute("user", sequence_.oneOf(kUsers));
+    endLine(">", sequence_.oneOf(kCommands), "</command>");
     options(inner);
     if (nesting < 2 && sequence_.below(3) == 0) task(inner, nesting + 1);
-    line(indent, "</task>");
+    endLine(indent, "</task>");
   }
 
   void options(std::string const& indent) {
-    line(indent, "<options>");
+    endLine(indent, "<options>");
     for (std::size_t left = sequence_.below(5); left > 0; --left) {
-      line(indent + "  ",
-           "<option name=\"" + one(kOptions) + "\" value=\"" + one(kValues) + "\"/>");
+      start(indent + "  ", "option");
+      attribute("name", sequence_.oneOf(kOptions));
+      attribute("value", sequence_.oneOf(kValues));
+      endLine("/>");
     }
-    line(indent, "</options>");
+    endLine(indent, "</options>");
   }
 
-  void line(std::string const& indent, std::string const& content) {
-    text_.append(indent).append(content).append("\n");
+  void start(std::string_view indent, std::string_view name) {
+    text_.append(indent).append("<").append(name);
   }
 
-  template <std::size_t Size>
-  std::string one(std::array<std::string_view, Size> const& texts) {
-    return std::string(sequence_.oneOf(texts));
+  void attribute(std::string_view name, std::string_view value) {
+    text_.append(" ").append(name).append(R"(=")").append(value).append(R"(")");
+  }
+
+  template <class... Texts>
+  void endLine(Texts const&... texts) {
+    (text_.append(texts), ...);
+    text_.append("\n");
   }
 
   std::string digits(std::size_t limit) { return std::to_string(sequence_.below(limit)); }
@@ -123,7 +144,7 @@ bool keepFreedMemory() {
 #endif
 }
 
-[[maybe_unused]] bool const keepsFreedMemory = keepFreedMemory();
+[[maybe_unused]] bool const kKeepsFreedMemory = keepFreedMemory();
 
 struct ParserDeleter {
   void operator()(XML_Parser parser) const { XML_ParserFree(parser); }
@@ -144,7 +165,7 @@ std::string taskName(std::size_t number) {
 std::string taskList(std::size_t count) {
   std::string text = "<tasks>";
   for (std::size_t i = 0; i < count; ++i) {
-    text += "<task name=\"" + taskName(i) + "\" enabled=\"true\"/>";
+    text.append(R"(<task name=")").append(taskName(i)).append(R"(" enabled="true"/>)");
   }
   return text + "</tasks>";
 }

@@ -258,6 +258,7 @@ void Store::recycle(Node& node) noexcept {
 }
 
 void Store::reclaim() noexcept {
+  if (lease.use_count() > 1) return;
   for (int i = 0; i < kReclaimedAtOnce && discarded_ != nullptr; ++i) {
     if (Node* const node = nextDiscarded()) release(*node);
   }

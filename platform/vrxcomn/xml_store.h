@@ -103,6 +103,9 @@ struct Store {
   Arena arena;
   NameTable names{arena};
 
+  /// Held by each iterator, too: what it may stand on is not used again.
+  std::shared_ptr<void const> lease = std::make_shared<char>();
+
   /// Holds the root element, and what stands before and after it, as children.
   Element top{/*isNull=*/false};
 

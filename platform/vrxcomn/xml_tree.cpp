@@ -116,7 +116,15 @@ void Element::DeleteChildren() noexcept {
   while (firstChild_ != nullptr) firstChild_->Delete();
 }
 
-bool Element::HasChildElements() const { return !Iterator<Element>(*this).AtEnd(); }
+std::shared_ptr<void const> Element::lease() const {
+  return store_ != nullptr ? store_->lease : nullptr;
+}
+
+bool Element::HasChildElements() const {
+  Node const* node = firstChild_;
+  while (node != nullptr && node->kind_ != Kind::element) node = node->next_;
+  return node != nullptr;
+}
 
 bool Element::TextEquals(wchar_t const* text) const {
   std::size_t rest = std::wcslen(text);

@@ -252,6 +252,8 @@ private:
 
   constexpr explicit Element(bool isNull) : Node(Kind::element, isNull) {}
 
+  std::shared_ptr<void const> lease() const;
+
   Name const* name_ = nullptr;
   Node* firstChild_ = nullptr;
   Node* lastChild_ = nullptr;
@@ -264,7 +266,8 @@ private:
 /// document order.
 ///
 /// It survives deletion of the node that it stands on: it then stands on the
-/// next one.
+/// next one. As long as an iterator lives, the memory of what is deleted from
+/// its document is not used again. Its own end needs no document any more.
 template <class T>
 class Iterator {
 public:
@@ -272,7 +275,7 @@ public:
   Iterator() = default;
 
   /// At the first, or at the end where there is none.
-  explicit Iterator(Element const& owner) : owner_(&owner), node_(first()) {}
+  explicit Iterator(Element const& owner) : owner_(&owner), node_(first()), lease_(owner.lease()) {}
 
   bool AtEnd() const { return settled() == nullptr; }
 
@@ -329,6 +332,7 @@ private:
 
   Element const* owner_ = nullptr;
   mutable Node* node_ = nullptr;
+  std::shared_ptr<void const> lease_;
 };
 
 /// A document, which owns its tree.
