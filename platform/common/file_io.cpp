@@ -25,6 +25,7 @@ namespace vrxutil::detail {
 namespace {
 
 using Failure = std::optional<FileError>;
+using Status = struct stat;
 
 /// What errno says of the call before.
 FileError lastError(char const* action, std::string const& path) {
@@ -53,13 +54,23 @@ Descriptor openFile(std::string const& path, int flags, mode_t mode = 0) {
   return Descriptor(uninterrupted([&] { return ::open(path.c_str(), flags | O_CLOEXEC, mode); }));
 }
 
+bool isRegular(std::string const& path) {
+  Status status{};
+  return ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+}
+
+bool isFolder(std::string const& path) {
+  Status status{};
+  return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
 /// Opens a file that may be a FIFO or a device, without waiting for anybody at
 /// the other end; what follows does wait.
 Descriptor openWithoutWaiting(std::string const& path, int flags) {
   Descriptor file = openFile(path, flags | O_NOCTTY | O_NONBLOCK);
-  // A regular file that another process holds a lease on: the kernel has asked
-  // it to give way, and bounds the time that this may take (fcntl(2), F_SETLEASE).
-  if (!file && errno == EWOULDBLOCK) return openFile(path, flags | O_NOCTTY);
+  // Another process holds a lease on the file: the kernel has asked it to give
+  // way, and bounds the time that this may take (fcntl(2), F_SETLEASE).
+  if (!file && errno == EWOULDBLOCK && isRegular(path)) return openFile(path, flags | O_NOCTTY);
   if (!file) return file;
   int const status = ::fcntl(file.get(), F_GETFL);
   if (status < 0 || ::fcntl(file.get(), F_SETFL, status & ~O_NONBLOCK) < 0) return Descriptor();
@@ -137,7 +148,8 @@ bool writeAll(int fd, std::string_view bytes) {
   WriteSignalsBlocked const blocked;
   while (!bytes.empty()) {
     ssize_t const size = uninterrupted([&] { return ::write(fd, bytes.data(), bytes.size()); });
-    if (size < 0) return false;
+    if (size == 0) errno = EIO;  // nor will it take more the next time
+    if (size <= 0) return false;
     bytes.remove_prefix(static_cast<std::size_t>(size));
   }
   return true;
@@ -231,24 +243,27 @@ bool Neighbour::rename(std::string const& target) {
 /// the owner in this user namespace.
 bool isNotAllowed(int number) { return number == EPERM || number == EINVAL; }
 
-/// Gives a file the owner, group and mode of the one that it replaces. False
-/// with errno set.
-bool takeOver(int fd, struct stat const& old) {
-  struct stat now {};
+/// Gives a file the owner and group of the one that it replaces, as far as is
+/// allowed, and takes the set-id bits from `mode` where it is not. False with
+/// errno set.
+bool takeOverOwner(int fd, Status const& old, mode_t& mode) {
+  if (::fchown(fd, old.st_uid, old.st_gid) == 0) return true;
+  if (!isNotAllowed(errno)) return false;
+  mode &= kPermissionBits;
+  constexpr auto kSameOwner = static_cast<uid_t>(-1);
+  return ::fchown(fd, kSameOwner, old.st_gid) == 0 || isNotAllowed(errno);
+}
 
+/// Gives a file the owner, group and mode of the one that it replaces. What is
+/// right already is not touched: some file systems refuse any change. False with
+/// errno set.
+bool takeOver(int fd, Status const& old) {
+  Status now{};
   if (::fstat(fd, &now) != 0) return false;
   mode_t mode = old.st_mode & kAllModeBits;
-  if (now.st_uid != old.st_uid || now.st_gid != old.st_gid) {
-    // The owner first: a change of owner clears set-id bits. Where the owner
-    // cannot be kept, perhaps the group can.
-    if (::fchown(fd, old.st_uid, old.st_gid) != 0) {
-      if (!isNotAllowed(errno)) return false;
-      mode &= kPermissionBits;
-      if (::fchown(fd, static_cast<uid_t>(-1), old.st_gid) != 0 && !isNotAllowed(errno))
-        return false;
-    }
-  }
-  // File systems without modes refuse to change them, and need no change.
+  bool const isOurs = now.st_uid == old.st_uid && now.st_gid == old.st_gid;
+  // The owner first: a change of owner clears set-id bits.
+  if (!isOurs && !takeOverOwner(fd, old, mode)) return false;
   return (now.st_mode & kAllModeBits) == mode || ::fchmod(fd, mode) == 0;
 }
 
@@ -262,7 +277,7 @@ Failure openFolder(std::string const& target, Descriptor& folder) {
 }
 
 /// Replaces a regular file that is like `old`, or makes one where that is null.
-Failure replaceRegular(std::string const& target, std::string_view bytes, struct stat const* old) {
+Failure replaceRegular(std::string const& target, std::string_view bytes, Status const* old) {
   Descriptor folder;
   if (Failure failure = openFolder(target, folder)) return failure;
   Neighbour neighbour;
@@ -288,12 +303,6 @@ Failure writeInPlace(std::string const& path, std::string_view bytes) {
   if (!writeAll(file.get(), bytes)) return lastError("write", path);
   if (!file.close()) return lastError("close", path);
   return std::nullopt;
-}
-
-bool isFolder(std::string const& path) {
-  struct stat status {};
-
-  return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
 /// Makes one folder; false with errno set.
@@ -327,6 +336,8 @@ bool Descriptor::close() noexcept {
   return fd < 0 || ::close(fd) == 0 || errno == EINTR;
 }
 
+// NOLINTBEGIN(concurrency-mt-unsafe): wcrtomb and mbrtowc with a state of the
+// caller's are safe in all threads (POSIX).
 std::optional<std::string> narrowFileName(std::wstring_view fileName) {
   std::string name;
   std::mbstate_t state{};
@@ -359,12 +370,13 @@ std::wstring wideMessage(std::string_view text) {
   return wide;
 }
 
+// NOLINTEND(concurrency-mt-unsafe)
+
 Failure readFile(std::string const& path, std::size_t limit, std::string& bytes) {
   Descriptor const file = openWithoutWaiting(path, O_RDONLY);
   if (!file) return lastError("open", path);
 
-  struct stat status {};
-
+  Status status{};
   if (::fstat(file.get(), &status) != 0) return lastError("read", path);
   auto const size = S_ISREG(status.st_mode) ? static_cast<std::uintmax_t>(status.st_size) : 0;
   if (size > limit) return FileError{"read", path, EFBIG};
@@ -372,8 +384,7 @@ Failure readFile(std::string const& path, std::size_t limit, std::string& bytes)
 }
 
 Failure replaceFile(std::string const& path, std::string_view bytes) {
-  struct stat old {};
-
+  Status old{};
   bool const exists = ::stat(path.c_str(), &old) == 0;
   if (!exists && (errno != ENOENT || path.empty())) return lastError("open", path);
   if (exists && S_ISDIR(old.st_mode)) return FileError{"write", path, EISDIR};

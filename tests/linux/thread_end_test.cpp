@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <functional>
+#include <latch>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -680,6 +681,52 @@ TEST_F(ProcessEndDeathTest, ThreadThatCallsExitKeepsItsStackAndLosesItsLeftOvers
         }).join();
       },
       exitsWell(), testing::Eq("deleted\n"));
+}
+
+// Drops every record.
+class SilentLogger final : public ILogger {
+public:
+  void start() override {}
+
+  void attach(std::wstring const&) override {}
+
+  void setMinLogLevel(LogLevel const&) override {}
+
+  bool isDetailLoggingEnabled() override { return false; }
+
+  void logMessage(LogLevel const&, std::wstring const&, std::wstring const&) override {}
+};
+
+// Ends the process while some threads log without end, and others come and go.
+[[noreturn]] void exitAmongBusyThreads() {
+  static auto* const logger = new SilentLogger;
+  static auto* const busy = new std::latch(4);
+  ILogger::SetLogger(logger);
+  auto const workForEver = [] {
+    workLate();
+    busy->count_down();
+    while (true) workLate();
+  };
+  auto const startForEver = [] {
+    std::thread(workLate).join();
+    busy->count_down();
+    while (true) std::thread(workLate).join();
+  };
+  std::thread(workForEver).detach();
+  std::thread(workForEver).detach();
+  std::thread(startForEver).detach();
+  std::thread(startForEver).detach();
+  busy->wait();
+  atStaticEnd.action = workLate;
+  afterStaticObjects = workLate;
+  std::exit(0);
+}
+
+TEST_F(ProcessEndDeathTest, OtherThreadsMayLogWhileTheProcessEnds) {
+  for (int run = 0; run < 10; ++run) {
+    SCOPED_TRACE(run);
+    EXPECT_EXIT(exitAmongBusyThreads(), exitsWell(), testing::Eq(""));
+  }
 }
 
 TEST_F(ProcessEndDeathTest, EarlyKeyOfAThreadMayLogInEveryRound) {

@@ -821,12 +821,18 @@ TEST(ReplaceFileTest, DescriptorsAreClosed) {
 
 #ifdef __linux__
 
+/// The value of an argument of a call.
+struct Argument {
+  std::size_t index;
+  int value;
+};
+
 /// What the kernel does with a call.
 struct Fault {
   char const* name;
-  std::vector<long> calls;  // the numbers that the C library may use for it
-  std::uint32_t action;     // of seccomp(2)
-  std::optional<int> fd{};  // only when this is the first argument
+  std::vector<long> calls;             // the numbers that the C library may use for it
+  std::uint32_t action;                // of seccomp(2)
+  std::optional<Argument> argument{};  // only calls that have this one
 };
 
 sock_filter load(std::size_t offset) {
@@ -839,9 +845,11 @@ sock_filter skipUnless(std::uint32_t value, std::uint8_t count) {
 
 sock_filter answer(std::uint32_t action) { return BPF_STMT(BPF_RET | BPF_K, action); }
 
-/// The low half of the first argument.
-constexpr std::size_t kFirstArgument =
-    offsetof(seccomp_data, args) + (std::endian::native == std::endian::big ? 4 : 0);
+/// Where the low half of an argument is.
+constexpr std::size_t offsetOf(std::size_t argument) {
+  return offsetof(seccomp_data, args) + argument * sizeof(std::uint64_t) +
+         (std::endian::native == std::endian::big ? sizeof(std::uint32_t) : 0);
+}
 
 /// From now on the calls of `fault` meet its action. False where the host does
 /// not allow that.
@@ -849,10 +857,10 @@ bool inject(Fault const& fault) {
   std::vector<sock_filter> program;
   for (long const call : fault.calls) {
     program.push_back(load(offsetof(seccomp_data, nr)));
-    program.push_back(skipUnless(static_cast<std::uint32_t>(call), fault.fd ? 3 : 1));
-    if (fault.fd) {
-      program.push_back(load(kFirstArgument));
-      program.push_back(skipUnless(static_cast<std::uint32_t>(*fault.fd), 1));
+    program.push_back(skipUnless(static_cast<std::uint32_t>(call), fault.argument ? 3 : 1));
+    if (fault.argument) {
+      program.push_back(load(offsetOf(fault.argument->index)));
+      program.push_back(skipUnless(static_cast<std::uint32_t>(fault.argument->value), 1));
     }
     program.push_back(answer(fault.action));
   }
@@ -966,7 +974,8 @@ TEST(ReplaceFileFaultTest, FolderThatCannotBeFlushedIsAnErrorUnlessNoneCan) {
     makeFile(path, "old");
     ChildResult const result = runInChild([&, number = number]() -> std::string {
       // The folder is the first thing that is opened.
-      if (!inject({"fsync", {SYS_fsync}, failsWith(number), nextDescriptor()})) return kNotInjected;
+      if (!inject({"fsync", {SYS_fsync}, failsWith(number), Argument{0, nextDescriptor()}}))
+        return kNotInjected;
       return told(replaceFile(path, "new"));
     });
     if (result.told == kNotInjected) GTEST_SKIP() << kNotInjected;
@@ -984,7 +993,8 @@ TEST(ReplaceFileFaultTest, BytesAreFlushedBeforeTheNameIsTakenAndTheNameAfterwar
   // the neighbour second.
   for (auto const& [offset, contents] : {std::pair{1, "old"}, std::pair{0, "new"}}) {
     ChildResult const result = runInChild([&, offset = offset]() -> std::string {
-      Fault const fault{"fsync", {SYS_fsync}, SECCOMP_RET_KILL_PROCESS, nextDescriptor() + offset};
+      Fault const fault{
+          "fsync", {SYS_fsync}, SECCOMP_RET_KILL_PROCESS, Argument{0, nextDescriptor() + offset}};
       if (!inject(fault)) ::_exit(3);
       ::_exit(replaceFile(path, "new") ? 4 : 5);
     });
@@ -1142,6 +1152,34 @@ TEST(ReadFileFaultTest, LeaseOfAnotherProcessIsWaitedFor) {
   ::close(ready[1]);
   if (isHeld != 'y') GTEST_SKIP() << "the file system has no leases";
   EXPECT_EQ(read, "contents");
+}
+
+TEST(ReplaceFileFaultTest, WriteThatTakesNothingIsAnError) {
+  TemporaryFolder const folder;
+  std::string const path = folder / "file";
+  makeFile(path, "old");
+  ChildResult const result = runInChild([&]() -> std::string {
+    if (!inject({"write", {SYS_write}, failsWith(0)})) ::_exit(3);
+    std::string const error = told(replaceFile(path, "new"));
+    ::_exit(error == failure("write", path, EIO) ? 0 : 4);
+  });
+  if (result.status == 3 << 8) GTEST_SKIP() << kNotInjected;
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(fileBytes(path), "old");
+  EXPECT_EQ(namesIn(folder.path()), Names{"file"});
+}
+
+TEST(ReadFileFaultTest, OnlyRegularFilesAreWaitedFor) {
+  TemporaryFolder const folder;
+  makeFile(folder / "file", "contents");
+  ChildResult const result = runInChild([&]() -> std::string {
+    // What is opened without waiting is not to be had.
+    Argument const flags{2, O_RDONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC};
+    if (!inject({"open", {SYS_openat}, failsWith(EWOULDBLOCK), flags})) return kNotInjected;
+    return readBack(folder / "file") + "\n" + readBack("/dev/null");
+  });
+  if (result.told == kNotInjected) GTEST_SKIP() << kNotInjected;
+  EXPECT_EQ(result.told, "contents\n" + failure("open", "/dev/null", EWOULDBLOCK));
 }
 
 TEST(ReadFileFaultTest, FailedReadIsAnError) {

@@ -45,6 +45,7 @@ struct Behaviour {
   int result = 1;
   std::string output = "transformed";
   bool throws = false;
+  std::function<void()> meanwhile = [] {};
 };
 
 // What happened, in order, and with which bytes.
@@ -81,6 +82,7 @@ private:
     diary_->input = in.cpp_str();
     diary_->outputAtEntry = out.cpp_str();
     out.cpp_str() = behaviour_->output;
+    behaviour_->meanwhile();
     int const result = note(operation);
     if (behaviour_->throws) throw std::runtime_error("operation failed");
     return result;
@@ -271,6 +273,16 @@ TEST_P(ACryptWrapTest, ServiceIsAskedForAfresh) {
   EXPECT_EQ(first.objectsMade(), 1U);
   EXPECT_TRUE(call(kInput, out));
   EXPECT_EQ(first.objectsMade(), 2U);
+}
+
+TEST_P(ACryptWrapTest, ObjectGoesBackToTheServiceThatMadeIt) {
+  FakeShim first;
+  std::optional<FakeShim> second;
+  first.behaviour.meanwhile = [&] { second.emplace(); };
+  std::string out;
+  EXPECT_TRUE(call(kInput, out));
+  EXPECT_EQ(first.diary.calls, callsOf(GetParam()));
+  EXPECT_EQ(second->diary.calls, Names());
 }
 
 TEST_P(ACryptWrapTest, EmptyInputIsPassedOnAsAnEmptyBuffer) {
