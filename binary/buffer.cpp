@@ -2,6 +2,7 @@
 #include <vrxutil/log.h>
 
 #include <exception>
+#include <new>
 #include <utility>
 
 namespace {
@@ -14,6 +15,25 @@ std::string bytesOf(unsigned long size, unsigned char const* source) {
   return source == nullptr ? std::string(size, '\0') : std::string(asChars(source), size);
 }
 
+/// Makes `bytes` the `size` bytes at `source`, which may be some of its own. Where
+/// the size stays, so does the byte behind it: a change of it is the check's to find.
+void assignBytes(std::string& bytes, unsigned long size, unsigned char const* source) {
+  if (size == bytes.size()) {
+    std::char_traits<char>::move(bytes.data(), asChars(source), size);
+  } else {
+    bytes.assign(asChars(source), size);
+  }
+}
+
+/// Where there is no memory for the record either, the result alone tells.
+void reportFailure(std::exception const& failure, unsigned long size) {
+  try {
+    logError(kGroup, AString(L"Exception ")
+                         << failure.what() << L" trying to allocate " << size << L" bytes");
+  } catch (std::bad_alloc const&) {
+  }
+}
+
 /// Runs `resize`, which sets a buffer to `size` bytes, and reports where it
 /// throws.
 template <class Resize>
@@ -22,8 +42,7 @@ bool tryTo(unsigned long size, Resize resize) {
     resize();
     return true;
   } catch (std::exception const& failure) {
-    logError(kGroup, AString(L"Exception ")
-                         << failure.what() << L" trying to allocate " << size << L" bytes");
+    reportFailure(failure, size);
     return false;
   }
 }
@@ -44,7 +63,7 @@ unsigned char const* ABuffer::allocate(unsigned long size, unsigned char const* 
   if (source == nullptr) {
     bytes_.resize(size);
   } else {
-    bytes_.assign(asChars(source), size);
+    assignBytes(bytes_, size, source);
     checkAllocation();
   }
   return getBytes();
@@ -56,13 +75,15 @@ bool ABuffer::tryToChangeSizeTo(unsigned long size) {
 
 bool ABuffer::tryAllocate(unsigned long size, unsigned char const* source) {
   if (source == nullptr) return tryToChangeSizeTo(size);
-  return tryTo(size, [&] { bytes_.assign(asChars(source), size); }) && checkAllocation();
+  return tryTo(size, [&] { assignBytes(bytes_, size, source); }) && checkAllocation();
 }
 
 bool ABuffer::tryExpandBy(unsigned long count, unsigned char const* source) {
   unsigned long const sum = size() + count;
   if (source == nullptr) return tryToChangeSizeTo(sum);
-  return tryTo(sum, [&] { bytes_.append(asChars(source), count); }) && checkAllocation();
+  // An append of nothing would repair the byte that the check looks at.
+  bool const appended = count == 0 || tryTo(sum, [&] { bytes_.append(asChars(source), count); });
+  return appended && checkAllocation();
 }
 
 void ABuffer::shrinkTo(unsigned long size) {

@@ -14,7 +14,7 @@ std::wstring joined(std::wstring_view folder, std::wstring_view name) {
   bool const between = !folder.empty() && !name.empty();
   bool const folderEnds = folder.ends_with(kSeparator);
   bool const nameBegins = name.starts_with(kSeparator);
-  if (between && folderEnds && nameBegins) name.remove_prefix(1);
+  if (folderEnds && nameBegins) name.remove_prefix(1);
   std::wstring path;
   path.reserve(folder.size() + 1 + name.size());
   path = folder;

@@ -1,6 +1,7 @@
 #include "text/conversion.h"
 
 #include "platform/common/ascii.h"
+#include "platform/common/utf8.h"
 
 #include <vrxutil/log.h>
 #include <vrxutil/text.h>
@@ -12,6 +13,7 @@
 #include <cstring>
 #include <cwchar>
 #include <functional>
+#include <stdexcept>
 #include <string_view>
 
 #include <langinfo.h>
@@ -20,18 +22,29 @@ namespace vrxutil::detail {
 
 namespace {
 
-/// Whether bytes below 0x80 are ASCII in the current locale, so that runs of
-/// them need no call into the C library. Encodings that are not listed take the
-/// library's way alone: in some of them, such as Shift JIS, they are not.
-bool lowerHalfIsAscii() {
+/// How the current locale encodes text, as far as that allows for a shorter way
+/// than the C library's.
+enum class Encoding {
+  /// RFC 3629, for each Unicode scalar value; what else the C library takes for a
+  /// character is its own affair.
+  utf8,
+  /// Bytes below 0x80 are ASCII.
+  asciiBelow,
+  /// Not known; in some encodings, such as Shift JIS, they are not.
+  other,
+};
+
+Encoding currentEncoding() {
   // NOLINTNEXTLINE(concurrency-mt-unsafe): as safe as the conversions themselves
   std::string_view const codeset = nl_langinfo(CODESET);
-  return codeset == "UTF-8" || codeset == "ANSI_X3.4-1968" || codeset == "US-ASCII" ||
-         codeset.starts_with("ISO-8859-") || codeset.starts_with("ISO8859-");
+  if (codeset == "UTF-8") return Encoding::utf8;
+  bool const asciiBelow = codeset == "ANSI_X3.4-1968" || codeset == "US-ASCII" ||
+                          codeset.starts_with("ISO-8859-") || codeset.starts_with("ISO8859-");
+  return asciiBelow ? Encoding::asciiBelow : Encoding::other;
 }
 
 std::size_t asciiStart(char const* text, std::size_t size) {
-  return lowerHalfIsAscii() ? asciiPrefix(text, size) : 0;
+  return currentEncoding() != Encoding::other ? asciiPrefix(text, size) : 0;
 }
 
 /// wcrtomb, with "?" for a character that the locale's encoding lacks.
@@ -41,6 +54,100 @@ std::size_t narrowOne(wchar_t character, char* target, std::mbstate_t& state) {
   if (size != kInvalid) return size;
   *target = '?';
   return 1;
+}
+
+/// Number of scalar values that `text` begins with, looked for up to a block's end.
+std::size_t scalarPrefix(std::wstring_view text) {
+  text = text.substr(0, kAsciiBlock);
+  if (text.size() == kAsciiBlock) {
+    bool allAre = true;
+    for (std::size_t i = 0; i < kAsciiBlock; ++i) allAre &= isScalarValue(text[i]);
+    if (allAre) return kAsciiBlock;
+  }
+  return static_cast<std::size_t>(std::ranges::find_if_not(text, isScalarValue) - text.begin());
+}
+
+constexpr std::size_t utf8Size(char32_t c) {
+  return std::size_t{1} + (c >= 0x80 ? 1 : 0) + (c >= 0x800 ? 1 : 0) + (c >= 0x10000 ? 1 : 0);
+}
+
+/// Writes a scalar value in UTF-8; returns the end.
+constexpr char* putUtf8(char32_t c, char* target) {
+  constexpr std::array<char32_t, kMaxUtf8Size + 1> kLeads{0, 0x00, 0xC0, 0xE0, 0xF0};  // by size
+  std::size_t const size = utf8Size(c);
+  std::size_t shift = 6 * (size - 1);
+  *target++ = static_cast<char>(kLeads[size] | c >> shift);
+  while (shift > 0) {
+    shift -= 6;
+    *target++ = static_cast<char>(0x80 | (c >> shift & 0x3F));
+  }
+  return target;
+}
+
+/// Counts the bytes of narrow text.
+class ByteCount {
+public:
+  std::size_t bytes() const { return bytes_; }
+
+  void addAscii(std::wstring_view text) { bytes_ += text.size(); }
+
+  void addUtf8(std::wstring_view text) {
+    for (wchar_t const c : text) bytes_ += utf8Size(static_cast<char32_t>(c));
+  }
+
+  void addOne(wchar_t c) { bytes_ += narrowOne(c, scratch_.data(), state_); }
+
+private:
+  std::size_t bytes_ = 0;
+  std::mbstate_t state_{};
+  std::array<char, MB_LEN_MAX> scratch_;
+};
+
+/// Writes narrow text to where there is room for it.
+class ByteTarget {
+public:
+  explicit ByteTarget(char* target) : end_(target) {}
+
+  char* end() const { return end_; }
+
+  void addAscii(std::wstring_view text) {
+    copyAscii(text.data(), text.size(), end_);
+    end_ += text.size();
+  }
+
+  void addUtf8(std::wstring_view text) {
+    for (wchar_t const c : text) end_ = putUtf8(static_cast<char32_t>(c), end_);
+  }
+
+  void addOne(wchar_t c) { end_ += narrowOne(c, end_, state_); }
+
+private:
+  char* end_;
+  std::mbstate_t state_{};
+};
+
+/// Converts `text` from one stretch to the next, each by the shortest way that
+/// gives what the C library gives character by character. None of the shorter
+/// ways is taken in an encoding with shift states.
+template <class Output>
+void narrow(std::wstring_view text, Output& output) {
+  Encoding const encoding = currentEncoding();
+  auto const take = [&text](std::size_t size) {
+    std::wstring_view const taken = text.substr(0, size);
+    text.remove_prefix(size);
+    return taken;
+  };
+  while (!text.empty()) {
+    if (encoding != Encoding::other) {
+      output.addAscii(take(asciiPrefix(text.data(), text.size())));
+    }
+    std::size_t const scalars = encoding == Encoding::utf8 ? scalarPrefix(text) : 0;
+    if (scalars > 0) {
+      output.addUtf8(take(scalars));
+    } else if (!text.empty()) {
+      output.addOne(take(1).front());
+    }
+  }
 }
 
 }  // namespace
@@ -68,11 +175,10 @@ bool pointsInto(std::wstring const& owner, wchar_t const* text) {
 
 }  // namespace vrxutil::detail
 
-using vrxutil::detail::asciiPrefix;
-using vrxutil::detail::copyAscii;
+using vrxutil::detail::ByteCount;
+using vrxutil::detail::ByteTarget;
 using vrxutil::detail::kInvalid;
-using vrxutil::detail::lowerHalfIsAscii;
-using vrxutil::detail::narrowOne;
+using vrxutil::detail::narrow;
 
 unsigned long conversionSpaceRequired(char const* text) {
   std::size_t const length = vrxutil::detail::wideLength(text);
@@ -92,30 +198,16 @@ wchar_t convertOne(char byte) {
 }
 
 int conversionSpaceRequired(wchar_t const* text) {
-  bool const asciiAsItIs = lowerHalfIsAscii();
-  std::size_t const length = std::wcslen(text);
-  std::array<char, MB_LEN_MAX> scratch;
-  std::mbstate_t state{};
-  std::size_t size = 1;  // the terminator
-  for (std::size_t i = 0; i < length;) {
-    std::size_t const run = asciiAsItIs ? asciiPrefix(text + i, length - i) : 0;
-    size += run;
-    i += run;
-    if (i < length) size += narrowOne(text[i++], scratch.data(), state);
+  ByteCount count;
+  narrow(text, count);
+  if (count.bytes() >= INT_MAX) {
+    throw std::length_error("a narrow text is longer than an int can say");
   }
-  return static_cast<int>(size);
+  return static_cast<int>(count.bytes() + 1);
 }
 
 void convert(wchar_t const* text, char* target) {
-  bool const asciiAsItIs = lowerHalfIsAscii();
-  std::size_t const length = std::wcslen(text);
-  std::mbstate_t state{};
-  for (std::size_t i = 0; i < length;) {
-    std::size_t const run = asciiAsItIs ? asciiPrefix(text + i, length - i) : 0;
-    copyAscii(text + i, run, target);
-    target += run;
-    i += run;
-    if (i < length) target += narrowOne(text[i++], target, state);
-  }
-  *target = '\0';
+  ByteTarget output(target);
+  narrow(text, output);
+  *output.end() = '\0';
 }

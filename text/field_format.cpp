@@ -78,12 +78,12 @@ constexpr unsigned long magnitudeOf(long number) {
   return number < 0 ? 0UL - static_cast<unsigned long>(number) : static_cast<unsigned long>(number);
 }
 
-/// The bits of a number for conversion u or x: 32 where it fits in 32.
+/// The bits of a number for conversion u or x: 32 where it fits in 32. That makes a
+/// difference to negative numbers alone.
 constexpr unsigned long unsignedBits(long number) {
   constexpr auto kLowest = static_cast<std::int64_t>(std::numeric_limits<std::int32_t>::min());
-  constexpr auto kHighest = static_cast<std::int64_t>(std::numeric_limits<std::uint32_t>::max());
-  if (number >= kLowest && number <= kHighest) return static_cast<std::uint32_t>(number);
-  return static_cast<unsigned long>(number);
+  bool const isShort = number < 0 && number >= kLowest;
+  return isShort ? static_cast<std::uint32_t>(number) : static_cast<unsigned long>(number);
 }
 
 static_assert(unsignedBits(-1) == 0xFFFFFFFF);
@@ -126,6 +126,11 @@ Width widthOf(AFormat const& field, Flags const& flags) {
   return {static_cast<std::size_t>(-static_cast<std::int64_t>(field.width)), true};
 }
 
+/// How much of `wanted` is missing.
+constexpr std::size_t missing(std::size_t wanted, std::size_t present) {
+  return wanted > present ? wanted - present : 0;
+}
+
 NumberField formatNumber(AFormat const& field, Flags const& flags) {
   bool const isDecimal = flags.conversion == L'd';
   long const number = field.value.number;
@@ -133,26 +138,25 @@ NumberField formatNumber(AFormat const& field, Flags const& flags) {
   Digits const digits(isDecimal ? magnitudeOf(number) : unsignedBits(number),
                       flags.conversion == L'x' ? 16 : 10);
 
-  // A negative precision counts as none; a zero without digits is printf's.
+  // A negative precision counts as none. Where there is one, zero has no digits but
+  // those that the precision asks for.
   bool const hasPrecision = field.precision >= 0;
-  bool const isBlank = hasPrecision && field.precision == 0 && number == 0;
-  std::size_t const digitCount = isBlank ? 0 : digits.size();
+  std::size_t const digitCount = hasPrecision && number == 0 ? 0 : digits.size();
+  std::size_t const ownSize = digitCount + (isNegative ? 1 : 0);
   Width const width = widthOf(field, flags);
   std::size_t zeros = 0;
   if (hasPrecision) {
-    zeros = std::max(static_cast<std::size_t>(field.precision), digitCount) - digitCount;
+    zeros = missing(static_cast<std::size_t>(field.precision), digitCount);
   } else if (flags.zeroFill && !width.leftJustify) {
-    zeros =
-        std::max(width.size, digitCount + (isNegative ? 1 : 0)) - digitCount - (isNegative ? 1 : 0);
+    zeros = missing(width.size, ownSize);
   }
-  std::size_t const used = digitCount + zeros + (isNegative ? 1 : 0);
-  std::size_t const blanks = std::max(width.size, used) - used;
+  std::size_t const blanks = missing(width.size, ownSize + zeros);
 
   NumberField result;
   if (!width.leftJustify) result.add(blanks, L' ');
   if (isNegative) result.add(1, L'-');
   result.add(zeros, L'0');
-  if (!isBlank) result.add(digits);
+  if (digitCount > 0) result.add(digits);
   if (width.leftJustify) result.add(blanks, L' ');
   return result;
 }
@@ -165,7 +169,7 @@ void appendTextField(std::wstring& out, AFormat const& field, Flags const& flags
   std::size_t const shown =
       field.precision >= 0 ? std::min(length, static_cast<std::size_t>(field.precision)) : length;
   Width const width = widthOf(field, flags);
-  std::size_t const blanks = std::max(std::min(width.size, room), shown) - shown;
+  std::size_t const blanks = missing(std::min(width.size, room), shown);
   if (!width.leftJustify) out.append(blanks, L' ');
   out.append(field.value.text, shown);
   if (width.leftJustify) out.append(blanks, L' ');

@@ -1,6 +1,8 @@
 #include <vrxutil/text.h>
 
 #include <algorithm>
+#include <climits>
+#include <stdexcept>
 
 ACharString::ACharString() : ACharString("", 0) {}
 
@@ -12,11 +14,12 @@ ACharString::ACharString(wchar_t const* text) {
   length = size - 1;
 }
 
-ACharString::ACharString(char const* bytes, int sizeInBytes)
-    : buffer(checkNewChar(sizeInBytes + 1)), length(sizeInBytes) {
+ACharString::ACharString(char const* bytes, int sizeInBytes) : length(std::max(sizeInBytes, 0)) {
+  if (length == INT_MAX) throw std::length_error("a narrow text has no room for its terminator");
+  buffer = checkNewChar(length + 1);
   if (bytes == nullptr) return;
-  std::copy_n(bytes, sizeInBytes, buffer);
-  buffer[sizeInBytes] = '\0';
+  std::copy_n(bytes, length, buffer);
+  buffer[length] = '\0';
 }
 
 ACharString::~ACharString() { delete[] buffer; }

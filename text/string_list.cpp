@@ -33,13 +33,8 @@ AStringList& AStringList::operator<<(int item) { return add(item); }
 
 AStringList& AStringList::operator<<(void* item) { return add(item); }
 
-AStringList& AStringList::operator<<(AFormat const& item) {
-  bool const isText = item.isNumber == 0;
-  if (isText && vrxutil::detail::pointsInto(text.const_cpp_str(), item.value.text)) {
-    return add(AString(item));
-  }
-  return add(item);
-}
+// Formatted first, since text and flags may be the list's own text.
+AStringList& AStringList::operator<<(AFormat const& item) { return add(AString(item)); }
 
 void AStringList::setup(wchar_t const** before, wchar_t const** after) {
   *before = L"";

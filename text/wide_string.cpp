@@ -184,9 +184,12 @@ int AString::toInt() const {
 
 void AString::findAndReplace(AString const& find, AString const& replacement) {
   if (find.value_.empty()) return;
+  // A guess: the number of hits is not known yet.
+  std::size_t const growth = replacement.size() > find.size() ? value_.size() / 2 : 0;
   std::wstring result;
   std::size_t copied = 0;
   forEachHit(value_, find.value_, [&](std::size_t hit) {
+    if (copied == 0) result.reserve(value_.size() + growth);
     result.append(value_, copied, hit - copied).append(replacement.value_);
     copied = hit + find.value_.size();
   });
@@ -239,11 +242,15 @@ void AString::convert(char const* source, wchar_t* target, int offset, int count
 }
 
 int wcsicmp(wchar_t const* a, wchar_t const* b) {
+  // As int, the type of the difference: a number beyond Unicode may be negative, and
+  // the difference of two such numbers too large.
+  auto const upper = [](wchar_t c) -> std::int64_t {
+    return static_cast<int>(towupper(static_cast<wint_t>(c)));
+  };
   for (;; ++a, ++b) {
-    std::int64_t const upperA = towupper(static_cast<wint_t>(*a));
-    std::int64_t const upperB = towupper(static_cast<wint_t>(*b));
-    if (upperA != upperB || *a == 0 || *b == 0) {
-      return static_cast<int>(std::clamp<std::int64_t>(upperA - upperB, INT_MIN, INT_MAX));
+    std::int64_t const difference = upper(*a) - upper(*b);
+    if (difference != 0 || *a == 0 || *b == 0) {
+      return static_cast<int>(std::clamp<std::int64_t>(difference, INT_MIN, INT_MAX));
     }
   }
 }

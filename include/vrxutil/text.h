@@ -166,7 +166,8 @@ public:
 
   /// Converts `count` characters of the multibyte text `source` to
   /// `target + offset`, which must have room for them. Writes a terminator only
-  /// where mbstowcs does. A failure is logged under "String".
+  /// where mbstowcs does. A negative `count` is 0. A failure is logged under
+  /// "String" and leaves undefined what those characters are.
   static void convert(char const* source, wchar_t* target, int offset, int count);
 
 private:
@@ -176,6 +177,7 @@ private:
 /// A short-lived narrow copy of a text, for a call into the operating system.
 ///
 /// A character that the C locale cannot express becomes "?"; nothing is logged.
+/// A text whose size, with the NUL, is no int is refused by std::length_error.
 class VRXUTIL_EXPORT ACharString {
 public:
   /// An empty text.
@@ -184,9 +186,9 @@ public:
   /// `text` in the encoding of the C locale. Null is an empty text here.
   ACharString(wchar_t const* text);
 
-  /// A copy of `sizeInBytes` bytes, NUL bytes included, and a NUL. Where `bytes`
-  /// is null the buffer is left uninitialised, not even terminated: it is the
-  /// caller's to fill.
+  /// A copy of `sizeInBytes` bytes, NUL bytes included, and a NUL; a negative size
+  /// counts as 0. Where `bytes` is null the buffer is left uninitialised, not even
+  /// terminated: it is the caller's to fill.
   ACharString(char const* bytes, int sizeInBytes);
 
   ~ACharString();
@@ -293,7 +295,8 @@ VRXUTIL_EXPORT unsigned long conversionSpaceRequired(char const* text);
 /// NUL included, is logged under "String" and gives 0.
 VRXUTIL_EXPORT wchar_t convertOne(char byte);
 
-/// Number of bytes, terminator included, that convert() writes for `text`.
+/// Number of bytes, terminator included, that convert() writes for `text`. Throws
+/// std::length_error where that is no int.
 VRXUTIL_EXPORT int conversionSpaceRequired(wchar_t const* text);
 
 /// Writes `text` and a NUL to `target`, in the encoding of the C locale. A

@@ -116,7 +116,7 @@ constexpr std::size_t kUnobtainable = std::size_t{1} << 20;
 
 class MemoryShortage {
 public:
-  MemoryShortage() { unobtainableSize = kUnobtainable; }
+  explicit MemoryShortage(std::size_t from = kUnobtainable) { unobtainableSize = from; }
 
   ~MemoryShortage() { unobtainableSize = std::numeric_limits<std::size_t>::max(); }
 
@@ -484,6 +484,22 @@ TEST_F(ABufferTest, MemoryThatCannotBeHadIsReportedWithTheExceptionsText) {
   }
 }
 
+// Not even a record can be made then.
+TEST_F(ABufferTest, MemoryThatCannotBeHadForTheRecordEitherIsARefusalToo) {
+  for (std::string const& bytes : {std::string(), std::string("abcd"), pattern(1000)}) {
+    SCOPED_TRACE(bytes.size());
+    ABuffer buffer(bytes);
+    bool refused = false;
+    {
+      MemoryShortage const shortage(/*from=*/1);
+      refused = !buffer.tryToChangeSizeTo(5000) && !buffer.tryAllocate(5000, bytesOf("x")) &&
+                !buffer.tryExpandBy(5000, nullptr) && !buffer.tryExpandBy(kHugest / 2, nullptr);
+    }
+    EXPECT_TRUE(refused);
+    expectContents(buffer, bytes);
+  }
+}
+
 TEST_F(ABufferTest, SourceIsNotReadWhenMemoryCannotBeHad) {
   ABuffer buffer("abcd");
   MemoryShortage const shortage;
@@ -615,15 +631,15 @@ TEST_F(ABufferTest, OverrunIsReportedWithoutTheTrace) {
   writeByte(buffer, 4, 0);
 }
 
-// Whether setting a size that is already there repairs the byte is the string's
-// affair; the result tells the byte's state after the copy in any case.
-TEST_F(ABufferTest, ResultAfterACopyIsThatOfTheCheck) {
+// The copy ends before the byte, so that an overrun that happened before is found.
+TEST_F(ABufferTest, OverrunIsFoundAfterACopyThatKeepsTheSize) {
   struct {
     char const* name;
     bool (*copy)(ABuffer& buffer);
     char const* expected;
   } const rows[] = {
       {"tryAllocate", [](ABuffer& b) { return b.tryAllocate(4, bytesOf("wxyz")); }, "wxyz"},
+      {"tryAllocate of itself", [](ABuffer& b) { return b.tryAllocate(4, b.getBytes()); }, "abcd"},
       {"tryExpandBy", [](ABuffer& b) { return b.tryExpandBy(0, bytesOf("wxyz")); }, "abcd"},
   };
 
@@ -632,11 +648,10 @@ TEST_F(ABufferTest, ResultAfterACopyIsThatOfTheCheck) {
     ABuffer buffer("abcd");
     writeByte(buffer, 4, '!');
     recorder.clear();
-    bool const result = row.copy(buffer);
-    bool const intact = buffer.getBytes()[4] == 0;
-    EXPECT_EQ(result, intact);
-    EXPECT_EQ(recorder.records(), intact ? Records() : overflow());
+    EXPECT_FALSE(row.copy(buffer));
+    EXPECT_EQ(recorder.records(), overflow());
     EXPECT_EQ(contents(buffer), row.expected);
+    EXPECT_EQ(buffer.getBytes()[4], '!');
     writeByte(buffer, 4, 0);
   }
 }
@@ -646,10 +661,23 @@ TEST_F(ABufferTest, AllocateIgnoresTheResultOfTheCheck) {
   writeByte(buffer, 4, '!');
   unsigned char const* const result = buffer.allocate(4, bytesOf("wxyz"));
   EXPECT_EQ(result, buffer.getBytes());
-  bool const intact = buffer.getBytes()[4] == 0;
-  EXPECT_EQ(recorder.records(), intact ? Records() : overflow());
+  EXPECT_EQ(recorder.records(), overflow());
   EXPECT_EQ(contents(buffer), "wxyz");
   writeByte(buffer, 4, 0);
+}
+
+TEST_F(ABufferTest, CopyOfAnotherSizeSetsTheByteBehindIt) {
+  for (unsigned long const size : {3UL, 5UL}) {
+    ABuffer buffer("abcd");
+    writeByte(buffer, 4, '!');
+    EXPECT_TRUE(buffer.tryAllocate(size, bytesOf("vwxyz")));
+    expectContents(buffer, std::string("vwxyz").substr(0, size));
+  }
+  ABuffer buffer("abcd");
+  writeByte(buffer, 4, '!');
+  EXPECT_TRUE(buffer.tryExpandBy(1, bytesOf("e")));
+  expectContents(buffer, "abcde");
+  EXPECT_EQ(recorder.records(), Records());
 }
 
 TEST_F(ABufferTest, SizingWithoutASourceMakesNoCheck) {

@@ -465,6 +465,30 @@ TEST(FieldOracleTest, TextsWithEveryFlag) {
   EXPECT_EQ(recorder.records(), Records());
 }
 
+void expectPlainNumber(long number) {
+  auto const bits = static_cast<unsigned long>(number);
+  auto const narrowed = static_cast<int>(number);
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): any bits may stand in a pointer
+  auto* const pointer = reinterpret_cast<void*>(bits);
+  auto const low = static_cast<std::uint32_t>(bits);
+  ASSERT_EQ(AString(number).const_cpp_str(), printed(L"%ld", number));
+  ASSERT_EQ(AString(narrowed).const_cpp_str(), printed(L"%d", narrowed));
+  ASSERT_EQ(AString(bits).const_cpp_str(), printed(L"%lu", bits));
+  ASSERT_EQ(AString(pointer).const_cpp_str(), printed(L"%08x", low));
+  AString text(L"x");
+  text << number << narrowed << bits << pointer;
+  ASSERT_EQ(text.const_cpp_str(), L"x" + printed(L"%ld", number) + printed(L"%d", narrowed) +
+                                      printed(L"%lu", bits) + printed(L"%08x", low));
+}
+
+TEST(FieldOracleTest, PlainNumbersAndPointers) {
+  for (long const number : boundaries()) expectPlainNumber(number);
+  std::mt19937_64 random(98);
+  for (int round = 0; round < 100000 && !HasFatalFailure(); ++round) {
+    expectPlainNumber(static_cast<long>(static_cast<std::int64_t>(random()) >> random() % 64));
+  }
+}
+
 TEST(FieldOracleTest, FormsOfTheFamilyAgree) {
   for (std::wstring const& flags : flagTexts()) {
     for (int const width : {-1, 0, 7, 34, -5}) {

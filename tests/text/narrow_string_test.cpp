@@ -8,14 +8,20 @@
 
 #include <climits>
 #include <cstddef>
+#include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <cwchar>
 #include <memory>
 #include <random>
+#include <stdexcept>
 #include <string>
 #include <type_traits>
 #include <utility>
 #include <vector>
+
+#include <sys/mman.h>
+#include <unistd.h>
 
 namespace vrxutil::test {
 namespace {
@@ -201,6 +207,19 @@ TEST(ACharStringTest, NullBytesLeaveABufferOfTheGivenLength) {
   }
 }
 
+TEST(ACharStringTest, NegativeNumberOfBytesIsNone) {
+  for (int const length : {-1, -2, INT_MIN}) {
+    ACharString const text("abc", length);
+    EXPECT_EQ(wholeBuffer(text), "\0"s);
+    ACharString const unfilled(static_cast<char const*>(nullptr), length);
+    EXPECT_EQ(unfilled.size(), 0);
+  }
+}
+
+TEST(ACharStringTest, NumberOfBytesWithoutRoomForATerminatorIsRefused) {
+  EXPECT_THROW(ACharString("abc", INT_MAX), std::length_error);
+}
+
 TEST(ACharStringTest, EachObjectHasABufferOfItsOwn) {
   wchar_t const text[] = L"same";
   ACharString const a(text);
@@ -213,6 +232,68 @@ TEST(CheckNewCharTest, GivesAWritableArray) {
     std::unique_ptr<char[]> const memory(checkNewChar(size));
     ASSERT_NE(memory, nullptr);
     std::memset(memory.get(), 'x', static_cast<std::size_t>(size));
+  }
+}
+
+// A text of one character over and over, in memory for a small part of them.
+class VastText {
+public:
+  VastText(wchar_t character, std::size_t length) : size_((length / kPartLength + 1) * kPartSize) {
+    std::unique_ptr<std::FILE, int (*)(std::FILE*)> const stream(std::tmpfile(), std::fclose);
+    if (stream == nullptr) return;
+    int const file = ::fileno(stream.get());
+    std::wstring const part(kPartLength, character);
+    bool const written = ::write(file, part.data(), kPartSize) == static_cast<ssize_t>(kPartSize);
+    void* const space =
+        ::mmap(nullptr, size_, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (written && space != MAP_FAILED) {
+      text_ = static_cast<wchar_t*>(space);
+      ready_ = fill(file, length);
+    }
+  }
+
+  ~VastText() {
+    if (text_ != nullptr) ::munmap(text_, size_);
+  }
+
+  VastText(VastText const&) = delete;
+  VastText& operator=(VastText const&) = delete;
+
+  bool ready() const { return ready_; }
+
+  wchar_t const* get() const { return text_; }
+
+private:
+  // The last part is private: it holds the terminator.
+  bool fill(int file, std::size_t length) {
+    std::size_t const last = length / kPartLength * kPartLength;
+    for (std::size_t at = 0; at <= last; at += kPartLength) {
+      int const protection = at == last ? PROT_READ | PROT_WRITE : PROT_READ;
+      int const sharing = at == last ? MAP_PRIVATE : MAP_SHARED;
+      if (::mmap(text_ + at, kPartSize, protection, sharing | MAP_FIXED, file, 0) == MAP_FAILED) {
+        return false;
+      }
+    }
+    text_[length] = L'\0';
+    return true;
+  }
+
+  static constexpr std::size_t kPartSize = std::size_t{4} << 20U;
+  static constexpr std::size_t kPartLength = kPartSize / sizeof(wchar_t);
+
+  std::size_t size_;
+  wchar_t* text_ = nullptr;
+  bool ready_ = false;
+};
+
+TEST(ACharStringTest, TextWhoseSizeIsNoIntIsRefused) {
+  if constexpr (sizeof(std::size_t) > 4) {
+    LocaleScope const locale("C.UTF-8");
+    VastText const text(L'\U0001F600', INT_MAX / 4 + 1);  // of four bytes each
+    if (!text.ready()) GTEST_SKIP() << "no address space for a text of gigabytes";
+    EXPECT_THROW(ACharString{text.get()}, std::length_error);
+  } else {
+    GTEST_SKIP() << "no such text fits in memory here";
   }
 }
 
@@ -237,6 +318,48 @@ TEST_P(NarrowingTest, EveryCharacterOfTheBasicPlane) {
     std::wstring const text(1, c);
     ASSERT_EQ(static_cast<char const*>(ACharString(text.c_str())), narrowedStepByStep(text))
         << static_cast<long>(c);
+  }
+}
+
+TEST_P(NarrowingTest, EveryKindOfCharacterBeyondTheBasicPlane) {
+  for (std::uint32_t first = 0x10000; first != 0; first += 0x8000) {
+    for (std::uint32_t const c : {first, first + 0x1234, first + 0x7FFF}) {
+      std::wstring const text(1, static_cast<wchar_t>(c));
+      ASSERT_EQ(static_cast<char const*>(ACharString(text.c_str())), narrowedStepByStep(text)) << c;
+    }
+  }
+}
+
+// Texts are converted in blocks; what no block takes may stand anywhere in one.
+TEST_P(NarrowingTest, EveryPositionOfACharacterThatIsNone) {
+  constexpr wchar_t kSurrogate = 0xDABC;
+  for (wchar_t const filler : {L'a', L'\u00e9', L'\u3042'}) {
+    for (std::size_t length = 1; length <= 70; ++length) {
+      std::wstring text(length, filler);
+      expectNarrow(text, narrowedStepByStep(text));
+      for (wchar_t& place : text) {
+        wchar_t const before = std::exchange(place, kSurrogate);
+        ASSERT_EQ(static_cast<char const*>(ACharString(text.c_str())), narrowedStepByStep(text));
+        place = before;
+      }
+      if (HasFatalFailure()) return;
+    }
+  }
+}
+
+TEST_P(NarrowingTest, LongRunsOfEachScript) {
+  std::mt19937 random(6);
+  wchar_t const firsts[] = {L'a', L'\u00e0', L'\u0430', L'\u3042', L'\U0001F600'};
+  for (int round = 0; round < 200; ++round) {
+    std::wstring text;
+    while (text.size() < 400) {
+      auto const first = static_cast<std::uint32_t>(firsts[random() % std::size(firsts)]);
+      for (std::size_t left = random() % 80; left > 0; --left) {
+        text += static_cast<wchar_t>(first + random() % 20);
+      }
+    }
+    expectNarrow(text, narrowedStepByStep(text));
+    if (HasFatalFailure()) return;
   }
 }
 

@@ -9,6 +9,7 @@
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
+#include <cwchar>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -34,6 +35,7 @@ static_assert(!Listable<std::nullptr_t>);
 static_assert(!std::is_polymorphic_v<AStringList>);
 static_assert(std::is_convertible_v<AStringList const&, wchar_t const*>);
 static_assert(!std::is_default_constructible_v<AStringList>);
+static_assert(sizeof(AStringList) == 3 * sizeof(AString) + 2 * sizeof(int));
 
 std::wstring read(AStringList const& list) { return static_cast<wchar_t const*>(list); }
 
@@ -128,6 +130,25 @@ TEST(AStringListTest, ItemMayBeTheListsOwnText) {
       ASSERT_EQ(read(list), expected);
     }
   }
+}
+
+TEST(AStringListTest, ItemMayBeTheEndOfTheListsOwnText) {
+  for (wchar_t const* const first : {L"", L"a", L"abc", L"a text too long for the object itself"}) {
+    AStringList list(L"--", /*afterEach=*/false);
+    list << first;
+    list << static_cast<wchar_t const*>(list) + std::wcslen(list);
+    EXPECT_EQ(read(list), std::wstring(first) + L"--");
+  }
+}
+
+TEST(AStringListTest, FieldMayBorrowTheListsOwnText) {
+  AStringList list(L"-", /*afterEach=*/false);
+  list << L"^" << L"";
+  ASSERT_EQ(read(list), L"^-");
+  list << AFormat(L"abc", list, 5, -1);  // its flags are the list's text
+  EXPECT_EQ(read(list), L"^--ABC  ");
+  list << AFormat(list, L"_", 10, -1);
+  EXPECT_EQ(read(list), L"^--ABC  -  ^--abc  ");
 }
 
 TEST(AStringListTest, ItemThatFailsToConvertIsEmpty) {

@@ -74,6 +74,13 @@ TEST(AStringParserTest, LastDelimiterTellsWhichOneItWas) {
   EXPECT_EQ(parser.lastDelimiter, L'\0');
 }
 
+TEST(AStringParserTest, LastDelimiterFollowsTextCursorAndDelimiters) {
+  AStringParser const parser;
+  auto const* const start = reinterpret_cast<char const*>(&parser);
+  auto const* const member = reinterpret_cast<char const*>(&parser.lastDelimiter);
+  EXPECT_EQ(static_cast<std::size_t>(member - start), sizeof(AString) + 2 * sizeof(void*));
+}
+
 TEST(AStringParserTest, EachCallMayHaveDelimitersOfItsOwn) {
   AStringParser parser(L"a=b,c=d,e", L",");
   EXPECT_STREQ(parser.get(L"="), L"a");

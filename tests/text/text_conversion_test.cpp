@@ -13,6 +13,7 @@
 
 #include <array>
 #include <atomic>
+#include <climits>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -395,6 +396,16 @@ TEST(ConvertTest, WritesATerminatorWhereThereIsRoomForIt) {
   std::array<wchar_t, 6> buffer{L'#', L'#', L'#', L'#', L'#', L'#'};
   AString::convert("ab", buffer.data(), 1, 4);
   EXPECT_EQ(buffer, (std::array<wchar_t, 6>{L'#', L'a', L'b', L'\0', L'#', L'#'}));
+  EXPECT_EQ(recorder.records(), Records());
+}
+
+TEST(ConvertTest, NegativeCountWritesNothing) {
+  LogRecorder const recorder;
+  for (int const count : {-1, -7, INT_MIN}) {
+    std::wstring buffer(5, L'#');
+    AString::convert("ab\xFF", buffer.data(), 1, count);
+    EXPECT_EQ(buffer, L"#####");
+  }
   EXPECT_EQ(recorder.records(), Records());
 }
 
