@@ -37,6 +37,9 @@ constexpr std::array<wchar_t const*, 6> kValues{
 /// Beyond this, a copy of a tree into itself would soon fill the memory.
 constexpr std::size_t kMostElements = 2000;
 
+/// Deeper documents are not written.
+constexpr std::size_t kMostLevels = 1000;
+
 /// An element as the model keeps it. Text comes first: setting it deletes all
 /// children.
 struct Model {
@@ -74,7 +77,7 @@ struct Model {
   /// The text as a cursor shows it.
   std::wstring shownText() const { return children.empty() ? text : L""; }
 
-  // Recursive: a program is too short to nest deeply.
+  // Recursive: at most kMostLevels deep.
   // NOLINTBEGIN(misc-no-recursion)
   void write(std::wstring& out) const {
     out += L"<" + name;
@@ -108,6 +111,13 @@ struct Model {
     return count;
   }
 
+  /// Levels of elements, this one's included.
+  std::size_t height() const {
+    std::size_t below = 0;
+    for (auto const& child : children) below = std::max(below, child->height());
+    return below + 1;
+  }
+
   // NOLINTEND(misc-no-recursion)
 };
 
@@ -126,7 +136,7 @@ public:
   }
 
   void addChild(wchar_t const* name, wchar_t const* valueName, wchar_t const* value) {
-    if (root_.size() > kMostElements) return;
+    if (!hasRoomFor(1, 1)) return;
     AnXmlNode added;
     node_.addChild(&added, name, valueName, value);
     at_->add(name)->set(valueName, value);
@@ -150,7 +160,7 @@ public:
 
   void setChild(wchar_t const* name, wchar_t const* selName, wchar_t const* selValue,
                 wchar_t const* value) {
-    if (root_.size() > kMostElements) return;
+    if (!hasRoomFor(1, 1)) return;
     node_.setChild(nullptr, name, selName, selValue, L"set", value);
     auto const matches = [&](std::unique_ptr<Model> const& child) {
       std::wstring const* const held = child->value(selName);
@@ -192,7 +202,7 @@ public:
   }
 
   void copyRootHere() {
-    if (2 * root_.size() > kMostElements) return;
+    if (!hasRoomFor(root_.size(), root_.height())) return;
     AnXmlNode const source(&xml_);
     node_.copyAsChild(&source);
     auto copy = root_.copy();
@@ -229,6 +239,12 @@ public:
   }
 
 private:
+  /// Whether so much may be added at the cursor.
+  bool hasRoomFor(std::size_t elements, std::size_t levels) const {
+    for (Model const* model = at_; model != nullptr; model = model->parent) ++levels;
+    return root_.size() + elements <= kMostElements && levels <= kMostLevels;
+  }
+
   void moveTo(AnXmlNode const& node, Model* model) {
     node_ = node;
     at_ = model;

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cwchar>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -106,6 +107,18 @@ Element* findChild(Element const& parent, wchar_t const* childName, wchar_t cons
   return nullptr;
 }
 
+/// The attributes of an element, for looking up many of them: each lookup in the
+/// element itself goes over all.
+using AttributesByName = std::map<std::wstring_view, Attribute*>;
+
+AttributesByName attributesOf(Element const& element) {
+  AttributesByName attributes;
+  for (Iterator<Attribute> attribute(element); !attribute.AtEnd(); ++attribute) {
+    attributes.emplace(attribute->GetName(), &*attribute);
+  }
+  return attributes;
+}
+
 /// The name, text and attributes of an element, looked for in others.
 class ValuesTest {
 public:
@@ -113,24 +126,40 @@ public:
   ValuesTest(Element const& any, Element const& wanted)
       : name_(any.FindName(wanted.GetName())), text_(textOf(wanted)) {
     for (Iterator<Attribute> attribute(wanted); !attribute.AtEnd(); ++attribute) {
-      attributes_.push_back({any.FindName(attribute->GetName()), valueOf(*attribute)});
+      wchar_t const* const name = attribute->GetName();
+      attributes_.push_back({name, any.FindName(name), valueOf(*attribute)});
     }
   }
 
   [[nodiscard]] bool passes(Element const& element) const {
-    auto const isThere = [&element](Value const& wanted) {
-      Attribute const& attribute = element.GetAttribute(wanted.name);
-      return !attribute.IsNull() && valueOf(attribute) == wanted.text;
-    };
     return element.HasName(name_) && textEquals(element, text_.c_str()) &&
-           std::all_of(attributes_.begin(), attributes_.end(), isThere);
+           (attributes_.size() > kFewAttributes ? hasManyAttributes(element)
+                                                : hasAttributes(element));
   }
 
 private:
+  static constexpr std::size_t kFewAttributes = 16;
+
   struct Value {
-    Name const* name;  // null where the document has no such name
+    std::wstring_view name;
+    Name const* interned;  // null where the document has no such name
     std::wstring_view text;
   };
+
+  bool hasAttributes(Element const& element) const {
+    return std::all_of(attributes_.begin(), attributes_.end(), [&](Value const& wanted) {
+      Attribute const& attribute = element.GetAttribute(wanted.interned);
+      return !attribute.IsNull() && valueOf(attribute) == wanted.text;
+    });
+  }
+
+  bool hasManyAttributes(Element const& element) const {
+    AttributesByName const held = attributesOf(element);
+    return std::all_of(attributes_.begin(), attributes_.end(), [&](Value const& wanted) {
+      auto const attribute = held.find(wanted.name);
+      return attribute != held.end() && valueOf(*attribute->second) == wanted.text;
+    });
+  }
 
   Name const* name_;
   std::wstring text_;
@@ -184,10 +213,13 @@ private:
 };
 
 void copyAttributes(Element const& source, Element& target) {
+  AttributesByName const existing = attributesOf(target);
   std::wstring value;
   for (Iterator<Attribute> attribute(source); !attribute.AtEnd(); ++attribute) {
+    wchar_t const* const name = attribute->GetName();
+    auto const same = existing.find(name);
     value = valueOf(*attribute);
-    setText(target.CreateAttribute(attribute->GetName()), value.c_str());
+    setText(same != existing.end() ? *same->second : target.AppendAttribute(name), value.c_str());
   }
 }
 

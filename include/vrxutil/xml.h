@@ -22,9 +22,9 @@
 // Null outputs are accepted: nothing is written there. A null file name reads
 // "(null)". Only std::bad_alloc and what a crypto service throws pass through.
 // Lifetime: cursors and iterators point into a document that must outlive them.
-// Removing an element leaves other cursors on it without a meaning: reading
-// through them is harmless as long as the document lives, but what they show
-// may be another element by then.
+// Removing an element leaves other cursors on it and below it without a meaning:
+// they do no harm as long as the document lives, but changes through them may be
+// lost, and they may stand on another element by then.
 // Threads: a document, with all its cursors, belongs to one thread at a time.
 
 #pragma once
@@ -121,8 +121,9 @@ public:
   /// Writes the document in UTF-8, encrypted if `encrypt`; with `generateFlag`
   /// after an XML declaration and indented, else compactly as it stands. The
   /// file is replaced as a whole: after a failure, even a crash, it is the old
-  /// one. A document that holds what XML cannot express (a name with a blank, a
-  /// control character) is not written. Failures are logged as
+  /// one. A document that could not be read again is not written: one that holds
+  /// what XML cannot express (a name with a blank, a control character), or is
+  /// nested deeper than 1,000 levels. Failures are logged as
   /// "Exception writing file: REASON"; an empty holder is an internal error.
   bool writeFile(wchar_t const* fileName, bool encrypt, bool generateFlag);
 

@@ -3,6 +3,7 @@
 
 #include <vrxcomn/xml_parser.h>
 
+#include <algorithm>
 #include <array>
 #include <string>
 #include <string_view>
@@ -10,6 +11,10 @@
 namespace AdvXMLParser {
 
 namespace {
+
+/// Deeper elements are indented no further: two blanks for each of a thousand
+/// levels would make a small hostile document a huge one.
+constexpr std::size_t kDeepestIndent = 32;
 
 /// How a character is written: as it is, as something else, or not at all.
 enum class Treatment : unsigned char { plain, special, impossible };
@@ -125,6 +130,7 @@ private:
       return nullptr;
     }
     auto const& element = static_cast<Element const&>(node);
+    if (depth_ == kDeepestNesting) refuse(kTooDeep);
     newLineUnlessAtTop();
     startTag(element);
     if (!hasContents(element)) {
@@ -176,7 +182,7 @@ private:
 
   void newLine() {
     if (!indented_ || verbatim_ != nullptr) return;
-    text_.append(1, L'\n').append(2 * depth_, L' ');
+    text_.append(1, L'\n').append(2 * std::min(depth_, kDeepestIndent), L' ');
   }
 
   /// document() itself puts what is outside the root on lines.

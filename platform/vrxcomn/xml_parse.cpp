@@ -24,8 +24,6 @@ namespace {
 
 using vrxutil::detail::kMaxUtf8Size;
 
-constexpr int kDeepestNesting = 1000;
-
 /// Entities that refer to others. The parser library descends into each.
 constexpr int kMostNestedEntities = 64;
 
@@ -42,6 +40,10 @@ constexpr std::size_t kNodeWeight = 4;
 /// block but the last once more, to keep count of lines: most documents are to
 /// fit in one.
 constexpr std::size_t kBlockLength = 2U << 20;
+
+/// What blocks grow to inside a token that does not end: the parser library goes
+/// over it from its start with each block. Its buffer may take 1 GiB.
+constexpr std::size_t kLongestBlock = 64U << 20;
 
 struct ParserDeleter {
   void operator()(XML_Parser parser) const { XML_ParserFree(parser); }
@@ -113,6 +115,7 @@ private:
   void skippedEntity(char const* name, int isParameter);
   static int refuseParameterEntities(void* builder);
 
+  void addMarkup(Node::Kind kind, std::string_view utf8);
   void addText(Node::Kind kind, std::string_view utf8);
   void flushText();
   void addAttributes(char const** attributes);
@@ -125,13 +128,13 @@ private:
   Event suspiciousEvent() const;
   void checkReferences(std::string_view markup);
   void grow(std::size_t weight);
-  void stop(std::wstring message);
+  [[noreturn]] void stop(std::wstring message) const;
 
   Store& store_;
   XML_Parser parser_;
   NameCache names_;
   Element* current_;
-  int depth_ = 0;
+  std::size_t depth_ = 0;
   int nestedEntities_ = 0;
   bool inDoctype_ = false;
   bool hasExternalSubset_ = false;
@@ -182,7 +185,7 @@ void TreeBuilder::rethrow() const {
   if (failure_ != nullptr) std::rethrow_exception(failure_);
 }
 
-void TreeBuilder::stop(std::wstring message) {
+void TreeBuilder::stop(std::wstring message) const {
   throw ParsingException(currentLine(parser_), currentColumn(parser_), std::move(message));
 }
 
@@ -193,7 +196,7 @@ void TreeBuilder::grow(std::size_t weight) {
 
 void TreeBuilder::startElement(char const* name, char const** attributes) {
   flushText();
-  if (depth_ == kDeepestNesting) stop(L"elements are nested deeper than 1000 levels");
+  if (depth_ == kDeepestNesting) stop(kTooDeep);
   Event const tag = suspiciousEvent();
   checkReferences(tag.input.substr(0, tag.size));
   Element& element = *store_.newElement(names_.intern(name));
@@ -266,17 +269,24 @@ void TreeBuilder::endCdata() {
 
 void TreeBuilder::comment(char const* text) {
   flushText();
-  addText(Node::Kind::comment, text);
+  addMarkup(Node::Kind::comment, text);
 }
 
 void TreeBuilder::processingInstruction(char const* target, char const* data) {
   flushText();
   std::string instruction(target);
   if (*data != '\0') instruction.append(" ").append(data);
-  addText(Node::Kind::pi, instruction);
+  addMarkup(Node::Kind::pi, instruction);
 }
 
+void TreeBuilder::addMarkup(Node::Kind kind, std::string_view utf8) {
+  grow(utf8.size());
+  addText(kind, utf8);
+}
+
+/// For a text whose size has been counted as it came in.
 void TreeBuilder::addText(Node::Kind kind, std::string_view utf8) {
+  grow(kNodeWeight);
   TextNode& node = *store_.newText(kind);
   store_.append(*current_, node);
   store_.setParsedText(node, utf8);
@@ -344,7 +354,7 @@ public:
   /// NUL and at a character that is no Unicode scalar value.
   bool feed() {
     do {
-      std::wstring_view const block = rest_.substr(0, kBlockLength);
+      std::wstring_view const block = rest_.substr(0, blockLength_);
       // The parser library takes NUL characters for a sign of UTF-16.
       std::wstring_view const usable = block.substr(0, block.find(L'\0'));
       std::size_t const room = std::max<std::size_t>(1, usable.size()) * kMaxUtf8Size;
@@ -357,6 +367,7 @@ public:
                           /*isFinal=*/rest_.empty()) != XML_STATUS_OK) {
         return false;
       }
+      adjustBlockLength();
     } while (!rest_.empty() && !hasInvalid_);
     return true;
   }
@@ -367,8 +378,17 @@ public:
   std::size_t restSize() const { return rest_.size(); }
 
 private:
+  void adjustBlockLength() {
+    XML_Index const token = XML_GetCurrentByteIndex(parser_);
+    bool const isSameToken = token == token_;
+    token_ = token;
+    blockLength_ = isSameToken ? std::min(2 * blockLength_, kLongestBlock) : kBlockLength;
+  }
+
   XML_Parser parser_;
   std::wstring_view rest_;
+  std::size_t blockLength_ = kBlockLength;
+  XML_Index token_ = -1;  // where what the last block ended in begins
   bool hasInvalid_ = false;
 };
 

@@ -20,8 +20,8 @@ constexpr std::size_t kLargestBlock = 1U << 20;
 
 constexpr std::size_t kFirstSlots = 64;
 
-/// Discarded nodes that each new one takes back: more than one, so that they
-/// cannot pile up.
+/// Steps of taking discarded nodes back before each addition. A node takes at
+/// most two, so that they cannot pile up.
 constexpr int kReclaimedAtOnce = 4;
 
 /// Of the text memory classes, the least that has room for a link.
@@ -90,8 +90,24 @@ std::size_t NameTable::slotOf(std::string_view utf8, std::uint64_t hash) const {
   return slot;
 }
 
-Name const* NameTable::find(std::string_view utf8) const {
-  return slots_[slotOf(utf8, hashOf(utf8))];
+/// Where a name that comes from this address is remembered.
+Name const*& NameTable::remembered(wchar_t const* name) {
+  return remembered_[(reinterpret_cast<std::uintptr_t>(name) >> 3) % remembered_.size()];
+}
+
+Name const* NameTable::find(wchar_t const* name) {
+  if (name == nullptr) name = L"";
+  Name const*& known = remembered(name);
+  if (known != nullptr && std::wcscmp(known->text, name) == 0) return known;
+  Utf8Name const utf8(name);
+  Name const* const found = slots_[slotOf(utf8, hashOf(utf8))];
+  if (found != nullptr) known = found;
+  return found;
+}
+
+Name const* NameTable::intern(wchar_t const* name) {
+  if (Name const* const known = find(name)) return known;
+  return remembered(name) = intern(Utf8Name(name), /*isParsed=*/false);
 }
 
 Name const* NameTable::intern(std::string_view utf8, bool isParsed) {
@@ -125,7 +141,6 @@ Store::Store() { top.store_ = this; }
 
 template <class T>
 T* Store::newNode(Node*& freeList) {
-  if (discarded_ != nullptr) reclaim();
   if (freeList == nullptr) return new (arena.allocate(sizeof(T))) T(/*isNull=*/false);
   Node* const node = std::exchange(freeList, freeList->previous_);
   return new (static_cast<void*>(node)) T(/*isNull=*/false);
@@ -168,10 +183,6 @@ void Store::append(Element& parent, Attribute& attribute) {
     parent.firstAttribute_ = &attribute;
   }
   parent.lastAttribute_ = &attribute;
-}
-
-Name const* Store::internWide(wchar_t const* name) {
-  return names.intern(Utf8Name(name), /*isParsed=*/false);
 }
 
 // Texts. A text of capacity class n has at least 2^n bytes of its own; class 0
@@ -258,7 +269,7 @@ void Store::recycle(Node& node) noexcept {
 }
 
 void Store::reclaim() noexcept {
-  if (lease.use_count() > 1) return;
+  if (discarded_ == nullptr || lease.use_count() > 1) return;
   for (int i = 0; i < kReclaimedAtOnce && discarded_ != nullptr; ++i) {
     if (Node* const node = nextDiscarded()) release(*node);
   }

@@ -20,6 +20,11 @@
 
 namespace AdvXMLParser {
 
+/// How deep elements may be nested in a text, and the reason given for refusing
+/// more. A tree may be deeper, but is not written then: nobody could read it.
+inline constexpr std::size_t kDeepestNesting = 1000;
+inline constexpr wchar_t kTooDeep[] = L"elements are nested deeper than 1000 levels";
+
 /// A name as its document keeps it: once, so that names are equal exactly if
 /// their addresses are.
 struct Name {
@@ -61,10 +66,16 @@ public:
   /// is an XML name; others are examined.
   Name const* intern(std::string_view utf8, bool isParsed);
 
-  /// The name, or null.
-  Name const* find(std::string_view utf8) const;
+  /// The name as it is looked up and interned from wide text, or null. What is no
+  /// Unicode counts as U+FFFD, which no XML name holds. Quick for a text that is
+  /// asked for at the same address again, as literals are.
+  Name const* find(wchar_t const* name);
+
+  /// The name, added where it is missing.
+  Name const* intern(wchar_t const* name);
 
 private:
+  Name const*& remembered(wchar_t const* name);
   std::size_t slotOf(std::string_view utf8, std::uint64_t hash) const;
   std::uint64_t hashOf(std::string_view utf8) const;
   void grow();
@@ -72,6 +83,7 @@ private:
   Arena& arena_;
   std::vector<Name const*> slots_;  // open addressing; a power of two
   std::size_t count_ = 0;
+  std::array<Name const*, 64> remembered_{};
 };
 
 /// A document's nodes and all that they point to.
@@ -93,9 +105,10 @@ struct Store {
   /// Takes a node that is out of the tree back, with what is below it.
   void recycle(Node& node) noexcept;
 
-  /// The name as names are looked up and interned; what is no Unicode is
-  /// replaced by U+FFFD, which no XML name holds.
-  Name const* internWide(wchar_t const* name);
+  /// Makes some of what was taken back available to new nodes, unless an iterator
+  /// lives. To be called before additions, not between them: the element that
+  /// is added to may itself be below what was deleted.
+  void reclaim() noexcept;
 
   void append(Element& parent, Node& child);
   void append(Element& parent, Attribute& attribute);
@@ -117,7 +130,6 @@ private:
   template <class T>
   T* newNode(Node*& freeList);
 
-  void reclaim() noexcept;
   Node* nextDiscarded() noexcept;
   void release(Node& node) noexcept;
 

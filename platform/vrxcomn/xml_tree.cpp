@@ -1,4 +1,3 @@
-#include "platform/vrxcomn/xml_name.h"
 #include "platform/vrxcomn/xml_store.h"
 
 #include <vrxcomn/xml_parser.h>
@@ -73,7 +72,7 @@ void Attribute::AddText(wchar_t const* text) {
 wchar_t const* Element::GetName() const { return name_ != nullptr ? name_->text : L""; }
 
 Name const* Element::FindName(wchar_t const* name) const {
-  return store_ != nullptr ? store_->names.find(Utf8Name(name)) : nullptr;
+  return store_ != nullptr ? store_->names.find(name) : nullptr;
 }
 
 Attribute& Element::GetAttribute(Name const* name) const {
@@ -89,24 +88,35 @@ Attribute& Element::GetAttribute(wchar_t const* name) const {
   return known != nullptr ? GetAttribute(known) : Attribute::null;
 }
 
+/// False for the null element and for one that has been deleted. To be asked
+/// before each addition.
+bool Element::takesAdditions() const noexcept {
+  if (store_ == nullptr) return false;
+  store_->reclaim();  // which may come to this element, below a deleted one
+  return !isDeleted_;
+}
+
 Attribute& Element::CreateAttribute(wchar_t const* name) {
-  if (store_ == nullptr || isDeleted_) return Attribute::null;
-  Name const* const interned = store_->internWide(name);
-  if (Attribute& existing = GetAttribute(interned); !existing.IsNull()) return existing;
-  Attribute& attribute = *store_->newAttribute(interned);
+  Attribute& existing = GetAttribute(name);
+  return existing.IsNull() ? AppendAttribute(name) : existing;
+}
+
+Attribute& Element::AppendAttribute(wchar_t const* name) {
+  if (!takesAdditions()) return Attribute::null;
+  Attribute& attribute = *store_->newAttribute(store_->names.intern(name));
   store_->append(*this, attribute);
   return attribute;
 }
 
 Element& Element::AddElementInto(wchar_t const* name) {
-  if (store_ == nullptr || isDeleted_) return Element::null;
-  Element& element = *store_->newElement(store_->internWide(name));
+  if (!takesAdditions()) return Element::null;
+  Element& element = *store_->newElement(store_->names.intern(name));
   store_->append(*this, element);
   return element;
 }
 
 void Element::AddText(wchar_t const* text) {
-  if (store_ == nullptr || isDeleted_) return;
+  if (!takesAdditions()) return;
   TextNode& node = *store_->newText(Kind::text);
   store_->append(*this, node);
   store_->appendText(node, text);

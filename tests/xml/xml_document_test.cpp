@@ -266,6 +266,25 @@ TEST(AnXmlTest, PositionsAreRightInBigDocuments) {
   }
 }
 
+// A value of several blocks of the parser's input, and what is wrong behind it.
+TEST(AnXmlTest, PositionsAreRightBehindLongValues) {
+  constexpr std::size_t kLength = 7U << 20;
+  std::wstring const attribute = L"<a b=\"" + std::wstring(kLength, L'\u00e9') + L"\"";
+  std::wstring const comment = L"<!--" + std::wstring(kLength, L'x') + L"-->";
+  LogRecorder log;
+  AnXml xml;
+  EXPECT_FALSE(xml.useString((attribute + L">&nope;").c_str(), nullptr, nullptr, nullptr));
+  expectParseErrorAt(log, 1, kLength + 9);
+  log.clear();
+  EXPECT_FALSE(xml.useString((comment + L"<a>\x01").c_str(), nullptr, nullptr, nullptr));
+  expectParseErrorAt(log, 1, kLength + 11);
+  log.clear();
+  EXPECT_TRUE(xml.useString((comment + attribute + L"/>").c_str(), nullptr, nullptr, nullptr));
+  AString text;
+  EXPECT_TRUE(AnXmlNode(&xml).getExistingValue(L"b", &text));
+  EXPECT_TRUE(text.const_cpp_str() == std::wstring(kLength, L'\u00e9'));
+}
+
 TEST(AnXmlTest, NullTextIsAParseError) {
   LoadedXml xml(L"<old/>");
   LogRecorder log;

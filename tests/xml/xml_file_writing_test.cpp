@@ -303,6 +303,27 @@ TEST_F(AnXmlWritingTest, DocumentWithoutRootLeavesTheOldFile) {
   EXPECT_EQ(fileBytes(path_), "old");
 }
 
+TEST_F(AnXmlWritingTest, DocumentThatIsTooDeepToBeReadLeavesTheOldFile) {
+  for (bool const generateFlag : {false, true}) {
+    AnXml xml;
+    ASSERT_TRUE(xml.useNew(L"e", nullptr, nullptr));
+    AnXmlNode deepest(&xml);
+    for (int level = 2; level <= 1000; ++level) {
+      deepest.addChild(&deepest, L"e", nullptr, nullptr);
+    }
+    ASSERT_TRUE(xml.writeFile(file_.c_str(), false, generateFlag));
+    AnXml read;
+    EXPECT_TRUE(read.useExistingFile(file_.c_str(), L"e", nullptr, nullptr));
+
+    std::string const before = fileBytes(path_);
+    deepest.addChild(nullptr, L"e", nullptr, nullptr);
+    LogRecorder log;
+    EXPECT_FALSE(xml.writeFile(file_.c_str(), false, generateFlag));
+    EXPECT_EQ(log.records(), writeFailure(file_));
+    EXPECT_EQ(fileBytes(path_), before);
+  }
+}
+
 TEST_F(AnXmlWritingTest, EmptyHolderIsAnInternalError) {
   for (bool const encrypt : {false, true}) {
     LogRecorder log;

@@ -350,6 +350,32 @@ TEST_F(HostileFileTest, OneBigEntityManyTimesIsAParseError) {
   expectParseErrorInBoundedMemory();
 }
 
+// The parser library alone lets a big document have a hundred times its size of
+// these, and each takes more memory than its few bytes.
+TEST_F(HostileFileTest, OneEntityOfManySmallNodesManyTimesIsAParseError) {
+  std::string const start = "<a><!--" + std::string(1 << 20, 'x') + "-->";
+  for (char const* const node : {"<!---->", "<?p?>", "<![CDATA[]]>", "x<b/>"}) {
+    SCOPED_TRACE(node);
+    make(withDeclarations("<!ENTITY e \"" + repeated(node, 2000) + "\">",
+                          start + repeated("&e;", 5000) + "</a>"));
+    runWithinMemory(kMemoryInMiB, [this] { expectParseError(); });
+  }
+}
+
+// All of these count less than what they take in the document.
+TEST_F(HostileFileTest, ManySmallNodesLoad) {
+  for (char const* const node :
+       {"<!---->", "<?p?>", "<![CDATA[]]>", "x<b/>", "\xf0\x9f\x98\x80<b c=\"\"/>"}) {
+    SCOPED_TRACE(node);
+    make("<a>" + repeated(node, 300000) + "</a>");
+    std::string const bytes = fileBytes(path_);
+    LogRecorder log;
+    AnXml xml;
+    EXPECT_TRUE(xml.useExistingFile(file_.c_str(), L"a", nullptr, nullptr));
+    EXPECT_TRUE(toUtf8(written(xml)) == bytes);
+  }
+}
+
 TEST_F(HostileFileTest, BigDefaultAttributeOnManyElementsIsAParseError) {
   make(withDeclarations("<!ATTLIST b c CDATA \"" + std::string(64 * 1024, 'x') + "\">",
                         "<a>" + repeated("<b/>", 100000) + "</a>"));
@@ -586,6 +612,19 @@ TEST_F(HostileFileTest, DeepContentModelIsRefusedOnASmallStack) {
   make(withDeclarations(
       "<!ELEMENT a " + repeated("(", 1000000) + "b" + repeated(")", 1000000) + ">", "<a"));
   runInChild([this] { runOnSmallStack([this] { expectParseError(); }); });
+}
+
+TEST_F(HostileFileTest, ManyElementsAtTheDeepestLevelAreIndentedInBoundedMemory) {
+  constexpr std::size_t kElements = 200000;
+  make(repeated("<a>", 999) + repeated("<b/>", kElements) + repeated("</a>", 999));
+  runWithinMemory(kMemoryInMiB, [this] {
+    LogRecorder log;
+    AnXml xml;
+    ASSERT_TRUE(xml.useExistingFile(file_.c_str(), L"a", nullptr, nullptr));
+    EXPECT_TRUE(xml.writeFile(file_.c_str(), /*encrypt=*/false, /*generateFlag=*/true));
+    EXPECT_EQ(log.errors(), std::vector<LogRecord>{});
+    EXPECT_LT(fileBytes(path_).size(), 100 * kElements);
+  });
 }
 
 constexpr std::size_t kTenMiB = 10 << 20;

@@ -7,15 +7,16 @@
 
 #include <gtest/gtest.h>
 
+#include <cwchar>
 #include <functional>
+#include <iterator>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace vrxutil::test {
 namespace {
-
-constexpr std::size_t kDeep = 100000;
 
 std::vector<LogRecord> nothing() { return {}; }
 
@@ -321,6 +322,45 @@ TEST(AnXmlNodeTest, OutputMayHoldTheName) {
   EXPECT_EQ(text.const_cpp_str(), L"v");
 }
 
+// Names are looked up by what they say, wherever they stand.
+TEST(AnXmlNodeTest, NameInABufferMayChangeBetweenCalls) {
+  Tree tree(L"<r aa=\"1\" ab=\"2\" \u00e9=\"3\"><ca n=\"4\"/><cb n=\"5\"/></r>");
+  wchar_t name[] = L"aa";
+  auto const rename = [&name](wchar_t const* to) { std::wmemcpy(name, to, std::size(name)); };
+  EXPECT_EQ(value(tree.root, name), L"1");
+  rename(L"ab");
+  EXPECT_EQ(value(tree.root, name), L"2");
+  rename(L"ac");
+  EXPECT_EQ(value(tree.root, name), std::nullopt);
+  tree.root.setValue(name, L"6");
+  EXPECT_EQ(value(tree.root, name), L"6");
+  rename(L"a");
+  EXPECT_EQ(value(tree.root, name), std::nullopt);
+  rename(L"\u00e9");
+  EXPECT_EQ(value(tree.root, name), L"3");
+  rename(L"ca");
+  EXPECT_EQ(value(child(tree.root, name), L"n"), L"4");
+  rename(L"cb");
+  EXPECT_EQ(value(child(tree.root, name), L"n"), L"5");
+  tree.root.addChild(nullptr, name, L"n", L"7");
+  rename(L"cc");
+  tree.root.addChild(nullptr, name, L"n", L"8");
+  EXPECT_EQ(tree.text(),
+            L"<r aa=\"1\" ab=\"2\" \u00e9=\"3\" ac=\"6\"><ca n=\"4\"/><cb n=\"5\"/>"
+            L"<cb n=\"7\"/><cc n=\"8\"/></r>");
+}
+
+TEST(AnXmlNodeTest, NameThatIsNoUnicodeIsFoundAgain) {
+  Tree tree(L"<r/>");
+  for (wchar_t const* const text : {L"1", L"2"}) {
+    tree.root.setValue(L"a\xD800", text);
+    EXPECT_EQ(value(tree.root, L"a\xD800"), text);
+  }
+  AnXmlValueIndex index(&tree.root);
+  EXPECT_TRUE(index.moveNext(nullptr, nullptr));
+  EXPECT_FALSE(index.moveNext(nullptr, nullptr)) << "there is one attribute";
+}
+
 struct SetRow {
   char const* name;
   wchar_t const* before;
@@ -465,6 +505,12 @@ TEST(AnXmlNodeTest, MatchesValueComparesWithoutCase) {
             ? nothing()
             : nodeError(std::wstring(L"getValue: required attribute not found: ") + row.missing));
   }
+}
+
+TEST(AnXmlNodeTest, MatchesValueOfNullNameIsAnInternalError) {
+  Tree tree(L"<r n=\"v\"/>");
+  EXPECT_FALSE(tree.root.matchesValue(false, &tree.root, nullptr, L"n"));
+  EXPECT_EQ(tree.log.records(), internalError(L"XmlNode", L"No attribute named NULL"));
 }
 
 TEST(AnXmlNodeTest, NodeMatchesItself) {
@@ -877,6 +923,60 @@ TEST(AnXmlNodeTest, RemovingTheElementBelowWhichACursorStandsIsHarmless) {
   EXPECT_EQ(tree.text(), L"<r/>");
 }
 
+// What is below a removed element is taken back piece by piece, as memory for
+// later additions. How far that has come depends on the number of siblings.
+
+// Removes an element that holds so many elements, and another one at last, on
+// which the cursor stands that is returned.
+AnXmlNode lastBelowARemovedElement(AnXmlNode root, int siblings) {
+  AnXmlNode removed;
+  root.addChild(&removed, L"removed", nullptr, nullptr);
+  for (int i = 0; i < siblings; ++i) removed.addChild(nullptr, L"s", nullptr, nullptr);
+  AnXmlNode last;
+  removed.addChild(&last, L"last", nullptr, nullptr);
+  removed.remove();
+  return last;
+}
+
+TEST(AnXmlNodeTest, AddingBelowARemovedElementLeavesTheDocumentIntact) {
+  LoadedXml fromXml(L"<x n=\"v\"><x>t</x></x>");
+  AnXmlNode const from(&fromXml);
+  std::vector<std::pair<char const*, std::function<void(AnXmlNode&)>>> const rows = {
+      {"child", [](AnXmlNode& node) { node.addChild(nullptr, L"x", nullptr, nullptr); }},
+      {"attribute", [](AnXmlNode& node) { node.setValue(L"x", L"v"); }},
+      {"text", [](AnXmlNode& node) { node.setValue(L"", L"x"); }},
+      {"values", [&](AnXmlNode& node) { node.copyValues(&from); }},
+      {"copy", [&](AnXmlNode& node) { node.copyAsChild(&from); }},
+  };
+  for (auto const& [name, add] : rows) {
+    for (int siblings = 0; siblings < 10; ++siblings) {
+      SCOPED_TRACE(std::string(name) + " behind " + std::to_string(siblings));
+      Tree tree(L"<r/>");
+      AnXmlNode last = lastBelowARemovedElement(tree.root, siblings);
+      add(last);
+      AnXmlNode y;
+      tree.root.addChild(&y, L"y", nullptr, nullptr);
+      y.addChild(nullptr, L"z", L"n", L"v");
+      EXPECT_EQ(tree.text(), L"<r><y><z n=\"v\"/></y></r>");
+    }
+  }
+}
+
+TEST(AnXmlNodeTest, RemovingWhatWasAddedBelowARemovedElementLeavesTheDocumentIntact) {
+  for (int siblings = 0; siblings < 10; ++siblings) {
+    SCOPED_TRACE(siblings);
+    Tree tree(L"<r/>");
+    AnXmlNode last = lastBelowARemovedElement(tree.root, siblings);
+    AnXmlNode added;
+    last.addChild(&added, L"x", nullptr, nullptr);
+    AnXmlNode y;
+    tree.root.addChild(&y, L"y", nullptr, nullptr);
+    y.addChild(nullptr, L"z", nullptr, nullptr);
+    added.remove();
+    EXPECT_EQ(tree.text(), L"<r><y><z/></y></r>");
+  }
+}
+
 // Comparing.
 
 struct ContainsRow {
@@ -925,6 +1025,54 @@ TEST(AnXmlNodeTest, NodeContainsItself) {
   EXPECT_TRUE(tree.root.containsValuesOf(&tree.root));
   EXPECT_TRUE(tree.root.containsChildrenOf(&tree.root));
   EXPECT_EQ(tree.log.records(), nothing());
+}
+
+// An element with `count` attributes, from the last to the first where
+// `backwards`, one of which has another value.
+std::wstring manyAttributes(std::size_t count, bool backwards,
+                            std::optional<std::size_t> different = std::nullopt) {
+  std::wstring text = L"<a";
+  for (std::size_t i = 0; i < count; ++i) {
+    std::size_t const number = backwards ? count - 1 - i : i;
+    text += L" n" + std::to_wstring(number) + L"=\"" +
+            (number == different ? L"x" : std::to_wstring(number)) + L"\"";
+  }
+  return text + L"/>";
+}
+
+TEST(AnXmlNodeTest, ElementsOfManyAttributesAreCompared) {
+  for (std::size_t const count : {15U, 16U, 17U, 40U}) {
+    SCOPED_TRACE(count);
+    LoadedXml otherXml(manyAttributes(count, /*backwards=*/true));
+    AnXmlNode other(&otherXml);
+    Tree equal(manyAttributes(count, /*backwards=*/false));
+    EXPECT_TRUE(equal.root.containsValuesOf(&other));
+    Tree more(manyAttributes(count + 1, /*backwards=*/false));
+    EXPECT_TRUE(more.root.containsValuesOf(&other));
+    Tree fewer(manyAttributes(count - 1, /*backwards=*/false));
+    EXPECT_FALSE(fewer.root.containsValuesOf(&other));
+    for (std::size_t const different : {std::size_t{0}, count / 2, count - 1}) {
+      Tree tree(manyAttributes(count, /*backwards=*/false, different));
+      EXPECT_FALSE(tree.root.containsValuesOf(&other));
+    }
+  }
+}
+
+// Looking each one up among all would take billions of steps.
+TEST(AnXmlNodeTest, AHundredThousandAttributesAreCopiedAndCompared) {
+  constexpr std::size_t kCount = 100000;
+  std::wstring const document = manyAttributes(kCount, /*backwards=*/false);
+  LoadedXml fromXml(document);
+  AnXmlNode from(&fromXml);
+  Tree tree(manyAttributes(kCount, /*backwards=*/true));
+  EXPECT_TRUE(tree.root.containsValuesOf(&from));
+  from.setValue(L"n0", L"new");
+  EXPECT_FALSE(tree.root.containsValuesOf(&from));
+  tree.root.copyValues(&from);
+  EXPECT_TRUE(tree.root.containsValuesOf(&from));
+  Tree empty(L"<a/>");
+  empty.root.copyValues(&from);
+  EXPECT_TRUE(empty.text() == written(fromXml));
 }
 
 struct MissingRow {
@@ -1015,6 +1163,8 @@ TEST(AnXmlNodeTest, CopyValues) {
       {"others stay", L"<r a=\"0\" n=\"9\"/>", L"<f n=\"1\" m=\"2\"/>",
        L"<r a=\"0\" n=\"1\" m=\"2\"/>"},
       {"text goes", L"<r>t</r>", L"<f/>", L"<r/>"},
+      {"places stay", L"<r b=\"0\" a=\"0\"/>", L"<f a=\"1\" c=\"2\" b=\"3\"/>",
+       L"<r b=\"3\" a=\"1\" c=\"2\"/>"},
       {"children go", L"<r>t<c/></r>", L"<f/>", L"<r/>"},
       {"children go for the text", L"<r><c/></r>", L"<f>t</f>", L"<r>t</r>"},
       {"children are not copied", L"<r/>", L"<f n=\"1\">t<c/></f>", L"<r n=\"1\"/>"},
@@ -1137,52 +1287,66 @@ TEST(AnXmlNodeTest, LogStringIsNotEscaped) {
 
 // Deep trees.
 
-// A chain of kDeep elements below `node`, the last one with an attribute.
-void growChain(AnXmlNode node, wchar_t const* lastValue) {
-  for (std::size_t i = 0; i < kDeep; ++i) node.addChild(&node, L"c", nullptr, nullptr);
+constexpr std::size_t kDeep = 1000000;
+
+// A chain of `depth` elements below `node`, the last one with an attribute.
+void growChain(AnXmlNode node, std::size_t depth, wchar_t const* lastValue) {
+  for (std::size_t i = 0; i < depth; ++i) node.addChild(&node, L"c", nullptr, nullptr);
   node.setValue(L"last", lastValue);
 }
 
-// Compared with EXPECT_TRUE: such texts are no help in a failure message.
-std::wstring chainText(std::wstring const& lastValue) {
-  std::wstring text = L"<r>";
-  for (std::size_t i = 0; i + 1 < kDeep; ++i) text += L"<c>";
-  text += L"<c last=\"" + lastValue + L"\"/>";
-  for (std::size_t i = 0; i + 1 < kDeep; ++i) text += L"</c>";
-  return text + L"</r>";
+// A holder of such a chain below the root "r".
+class DeepXml : public AnXml {
+public:
+  DeepXml(std::size_t depth, wchar_t const* lastValue) {
+    EXPECT_TRUE(useNew(L"r", nullptr, nullptr));
+    growChain(AnXmlNode(this), depth, lastValue);
+  }
+};
+
+struct Chain {
+  std::size_t depth;  // of the elements below the first
+  OptionalText lastValue;
+
+  bool operator==(Chain const&) const = default;
+};
+
+// The way down from `node`, by the first child of each.
+Chain chainBelow(AnXmlNode node) {
+  std::size_t depth = 0;
+  while (node.getChildMove(false, nullptr, nullptr, nullptr, nullptr, nullptr)) ++depth;
+  return {depth, value(node, L"last")};
 }
 
-TEST(AnXmlDeepTreeTest, IsWrittenAndClosedOnASmallStack) {
+TEST(AnXmlDeepTreeTest, IsNotWrittenAndClosedOnASmallStack) {
   runOnSmallStack([] {
-    AnXml xml;
-    ASSERT_TRUE(xml.useNew(L"r", nullptr, nullptr));
-    growChain(AnXmlNode(&xml), L"x");
-    EXPECT_TRUE(written(xml) == chainText(L"x"));
+    DeepXml xml(kDeep, L"x");
+    EXPECT_EQ(chainBelow(AnXmlNode(&xml)), (Chain{kDeep, L"x"}));
+    LogRecorder log;
+    AString text(L"before");
+    xml.writeString(&text);
+    EXPECT_EQ(text.const_cpp_str(), L"before");
+    EXPECT_EQ(log.records(), errorInScopes(L"Xml", {},
+                                           L"Exception writing string: elements are nested deeper "
+                                           L"than 1000 levels"));
     xml.close();
   });
 }
 
 TEST(AnXmlDeepTreeTest, IsCopiedOnASmallStack) {
   runOnSmallStack([] {
-    AnXml xml;
-    ASSERT_TRUE(xml.useNew(L"f", nullptr, nullptr));
-    growChain(AnXmlNode(&xml), L"x");
-    AnXml copy;
-    ASSERT_TRUE(copy.useNew(L"r", nullptr, nullptr));
+    DeepXml xml(kDeep, L"x");
+    DeepXml copy(0, L"r");
     AnXmlNode const from = child(AnXmlNode(&xml), L"c");
     AnXmlNode(&copy).copyAsChild(&from);
-    EXPECT_TRUE(written(copy) == chainText(L"x"));
+    EXPECT_EQ(chainBelow(AnXmlNode(&copy)), (Chain{kDeep, L"x"}));
   });
 }
 
 TEST(AnXmlDeepTreeTest, IsComparedOnASmallStack) {
   runOnSmallStack([] {
-    AnXml xml;
-    AnXml other;
-    ASSERT_TRUE(xml.useNew(L"r", nullptr, nullptr));
-    ASSERT_TRUE(other.useNew(L"r", nullptr, nullptr));
-    growChain(AnXmlNode(&xml), L"x");
-    growChain(AnXmlNode(&other), L"x");
+    DeepXml xml(kDeep, L"x");
+    DeepXml other(kDeep, L"x");
     AnXmlNode root(&xml);
     AnXmlNode otherRoot(&other);
     LogRecorder log;
@@ -1193,18 +1357,15 @@ TEST(AnXmlDeepTreeTest, IsComparedOnASmallStack) {
 
 TEST(AnXmlDeepTreeTest, DifferenceIsReportedOnEachLevelOnASmallStack) {
   runOnSmallStack([] {
-    AnXml xml;
-    AnXml other;
-    ASSERT_TRUE(xml.useNew(L"r", nullptr, nullptr));
-    ASSERT_TRUE(other.useNew(L"r", nullptr, nullptr));
-    growChain(AnXmlNode(&xml), L"x");
-    growChain(AnXmlNode(&other), L"y");
+    constexpr std::size_t kDepth = 100000;  // each level leaves a record
+    DeepXml xml(kDepth, L"x");
+    DeepXml other(kDepth, L"y");
     AnXmlNode root(&xml);
     AnXmlNode otherRoot(&other);
     LogRecorder log;
     EXPECT_FALSE(root.containsChildrenOf(&otherRoot));
     std::vector<LogRecord> const errors = log.plainErrors();
-    ASSERT_EQ(errors.size(), kDeep);
+    ASSERT_EQ(errors.size(), kDepth);
     EXPECT_EQ(errors.front(), errorRecord(L"XmlNode", L"missing <c last=\"y\"></c>"));
     EXPECT_EQ(errors.back(), errorRecord(L"XmlNode", L"missing <c></c>"));
   });
@@ -1212,16 +1373,14 @@ TEST(AnXmlDeepTreeTest, DifferenceIsReportedOnEachLevelOnASmallStack) {
 
 TEST(AnXmlDeepTreeTest, IsRemovedAndCutOnASmallStack) {
   runOnSmallStack([] {
-    AnXml xml;
-    ASSERT_TRUE(xml.useNew(L"r", nullptr, nullptr));
+    DeepXml xml(kDeep, L"x");
     AnXmlNode root(&xml);
-    growChain(root, L"x");
     child(root, L"c").remove();
     EXPECT_EQ(written(xml), L"<r/>");
-    growChain(root, L"x");
+    growChain(root, kDeep, L"x");
     root.setValue(L"", L"t");
     EXPECT_EQ(written(xml), L"<r>t</r>");
-    growChain(root, L"x");
+    growChain(root, kDeep, L"x");
     root.copyValues(&root);
     EXPECT_EQ(written(xml), L"<r/>");
   });
@@ -1229,18 +1388,14 @@ TEST(AnXmlDeepTreeTest, IsRemovedAndCutOnASmallStack) {
 
 TEST(AnXmlDeepTreeTest, IsCopiedIntoItsLastElement) {
   runOnSmallStack([] {
-    AnXml xml;
-    ASSERT_TRUE(xml.useNew(L"r", nullptr, nullptr));
+    DeepXml xml(kDeep, L"x");
     AnXmlNode root(&xml);
-    growChain(root, L"x");
     AnXmlNode last(&root);
     while (last.getChildMove(false, L"c", nullptr, nullptr, nullptr, nullptr)) {
     }
     last.copyAsChild(&root);
-    std::wstring expected = chainText(L"x");
-    std::wstring const leaf = L"<c last=\"x\"/>";
-    expected.replace(expected.find(leaf), leaf.size(), L"<c last=\"x\">" + expected + L"</c>");
-    EXPECT_TRUE(written(xml) == expected);
+    EXPECT_EQ(chainBelow(last), (Chain{kDeep + 1, L"x"}));
+    EXPECT_EQ(chainBelow(root), (Chain{2 * kDeep + 1, L"x"}));
   });
 }
 

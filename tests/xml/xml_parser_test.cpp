@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <memory>
 #include <stdexcept>
@@ -195,6 +196,38 @@ TEST(XmlGenerateTest, IndentingPutsElementsOnLinesOfTheirOwn) {
   }
 }
 
+// Levels that are indented more and more would make a small document a huge one.
+TEST(XmlGenerateTest, IndentingStopsAtThirtyTwoLevels) {
+  constexpr std::size_t kLevels = 40;
+  std::wstring document;
+  std::wstring expected;
+  auto const line = [&expected](std::size_t level, wchar_t const* tag) {
+    expected.append(2 * std::min<std::size_t>(level, 32), L' ').append(tag).append(L"\n");
+  };
+  for (std::size_t level = 0; level < kLevels; ++level) {
+    document += L"<a>";
+    line(level, L"<a>");
+  }
+  document += L"<b/>";
+  line(kLevels, L"<b/>");
+  for (std::size_t level = kLevels; level-- > 0;) {
+    document += L"</a>";
+    line(level, L"</a>");
+  }
+  std::unique_ptr<Document> const once = parse(document);
+  EXPECT_EQ(indented(*once), expected);
+  EXPECT_EQ(indented(*parse(once->GenerateXML(true))), expected);
+}
+
+TEST(XmlGenerateTest, AThousandLevelsAreWrittenAndReadAgain) {
+  Document document(L"e");
+  Element* element = &document.GetRoot();
+  for (int level = 2; level <= 1000; ++level) element = &element->AddElementInto(L"e");
+  std::wstring const text = document.GenerateXML(false);
+  EXPECT_EQ(parse(text)->GenerateXML(false), text);
+  EXPECT_EQ(parse(document.GenerateXML(true))->GenerateXML(true), document.GenerateXML(true));
+}
+
 TEST(XmlGenerateTest, IndentingAgainChangesNothing) {
   for (std::wstring const document : {
            L"<a/>",
@@ -241,6 +274,11 @@ TEST(XmlGenerateTest, InexpressibleTreesAreRefused) {
       {"text", [](Element& root) { root.AddText(L"\x0B"); }},
       {"surrogate", [](Element& root) { root.AddText(L"\xDABC"); }},
       {"no root", [](Element& root) { root.Delete(); }},
+      {"too many levels",
+       [](Element& root) {
+         Element* element = &root;
+         for (int level = 2; level <= 1001; ++level) element = &element->AddElementInto(L"e");
+       }},
   };
   for (auto const& [name, change] : rows) {
     SCOPED_TRACE(name);
@@ -386,9 +424,13 @@ TEST(XmlTreeTest, NamesAreInterned) {
   EXPECT_EQ(Iterator<Element>(root)->FindName(L"c"), name);
   EXPECT_NE(root.FindName(L"a"), nullptr);
   EXPECT_EQ(root.FindName(L"never"), nullptr);
+  EXPECT_EQ(root.FindName(L""), nullptr);
+  EXPECT_EQ(root.FindName(nullptr), nullptr);
   EXPECT_EQ(root.FindName(L"C"), nullptr);
   root.AddElementInto(L"never");
   EXPECT_NE(root.FindName(L"never"), nullptr);
+  EXPECT_TRUE(root.AddElementInto(nullptr).HasName(root.FindName(L"")));
+  EXPECT_EQ(root.FindName(nullptr), root.FindName(L""));
 }
 
 TEST(XmlTreeTest, AttributesAreCreatedOnce) {
@@ -409,6 +451,19 @@ TEST(XmlTreeTest, AttributesAreCreatedOnce) {
   created.AddText(L"");
   created.AddText(L"three");
   EXPECT_EQ(document.GenerateXML(false), L"<r a=\"three\"/>");
+}
+
+TEST(XmlTreeTest, AttributesAreAppended) {
+  Document document(L"r");
+  Element& root = document.GetRoot();
+  root.AppendAttribute(L"b").AddText(L"1");
+  Attribute& appended = root.AppendAttribute(L"a");
+  EXPECT_EQ(std::wstring(appended.GetValue()), L"");
+  EXPECT_EQ(&root.GetAttribute(L"a"), &appended);
+  EXPECT_EQ(document.GenerateXML(false), L"<r b=\"1\" a=\"\"/>");
+  root.Delete();
+  EXPECT_TRUE(root.AppendAttribute(L"c").IsNull());
+  EXPECT_TRUE(Element::null.AppendAttribute(L"c").IsNull());
 }
 
 TEST(XmlTreeTest, AttributeGrowsPieceByPiece) {

@@ -222,6 +222,10 @@ public:
   /// exists, if there is one.
   Attribute& CreateAttribute(wchar_t const* name);
 
+  /// CreateAttribute() without looking for the one that exists: there must be
+  /// none.
+  Attribute& AppendAttribute(wchar_t const* name);
+
   /// Appends an element.
   Element& AddElementInto(wchar_t const* name);
 
@@ -252,6 +256,7 @@ private:
 
   constexpr explicit Element(bool isNull) : Node(Kind::element, isNull) {}
 
+  bool takesAdditions() const noexcept;
   std::shared_ptr<void const> lease() const;
 
   Name const* name_ = nullptr;
@@ -350,13 +355,14 @@ public:
   /// The document as text that parses to the same tree.
   ///
   /// `indented` writes an XML declaration first and puts elements on lines of
-  /// their own, two blanks a level, except where an element holds text other
-  /// than white space beside elements; blank text between elements is dropped,
-  /// so that indenting again changes nothing. Otherwise the tree is written as
-  /// it stands.
+  /// their own, two blanks a level for 32 levels, except where an element holds
+  /// text other than white space beside elements; blank text between elements is
+  /// dropped, so that indenting again changes nothing. Otherwise the tree is
+  /// written as it stands.
   ///
-  /// ReadWriteException for a missing root, a name that is no XML name, and a
-  /// character that XML cannot hold.
+  /// ReadWriteException for what could not be read again: a missing root, a name
+  /// that is no XML name, a character that XML cannot hold, and elements nested
+  /// deeper than 1,000 levels.
   std::wstring GenerateXML(bool indented) const;
 
   /// Bytes of memory that the tree takes, names and texts included.
