@@ -5,6 +5,7 @@
 
 #include <cassert>
 #include <cerrno>
+#include <utility>
 
 namespace {
 
@@ -65,8 +66,12 @@ void logInternalError(wchar_t const* group, wchar_t const* message) {
 }
 
 void logErrno(wchar_t const* group) {
-  AString const reason(vrxutil::detail::errorText(errno).c_str());
-  logError(group, reason);
+  vrxutil::detail::ErrorText const reason(errno);
+  AString text;
+  text.cpp_str() = vrxutil::detail::takeSpareText();
+  text = reason.c_str();
+  logError(group, text);
+  vrxutil::detail::giveSpareText(std::move(text.cpp_str()));
 }
 
 bool logErrnoIf(wchar_t const* group, bool condition) {

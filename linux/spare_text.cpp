@@ -1,6 +1,7 @@
 #include "linux/spare_text.h"
 
 #include <array>
+#include <atomic>
 #include <memory>
 #include <new>
 #include <utility>
@@ -44,7 +45,7 @@ public:
   StoreKey() : isUsable_(::pthread_key_create(&key_, endStore) == 0) {}
 
   ~StoreKey() {
-    if (std::exchange(isUsable_, false)) ::pthread_key_delete(key_);
+    if (isUsable_.exchange(false)) ::pthread_key_delete(key_);
   }
 
   StoreKey(StoreKey const&) = delete;
@@ -54,7 +55,7 @@ public:
 
 private:
   pthread_key_t key_{};
-  bool isUsable_;
+  std::atomic<bool> isUsable_;  // other threads may go on while the process ends
 };
 
 StoreKey storeKey;

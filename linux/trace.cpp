@@ -8,6 +8,7 @@
 #include <array>
 #include <atomic>
 #include <cstddef>
+#include <memory>
 #include <span>
 #include <utility>
 #include <vector>
@@ -42,8 +43,11 @@ StacksEnd stacksEnd;
 ATraceStack* getThreadTraceStack() {
   if (cachedStack != nullptr) return cachedStack;
   if (stacksAreGone) return nullptr;
-  if (t_Stack.get() == nullptr) t_Stack.reset(new ATraceStack);
-  return cachedStack = t_Stack.get();
+  cachedStack = t_Stack.get();
+  if (cachedStack != nullptr) return cachedStack;
+  auto made = std::make_unique<ATraceStack>();
+  t_Stack.reset(made.get());  // may fail for lack of memory
+  return cachedStack = made.release();
 }
 
 ATraceStack::~ATraceStack() {

@@ -5,7 +5,6 @@
 #pragma once
 
 #include <array>
-#include <string>
 
 #include <string.h>
 
@@ -20,9 +19,19 @@ inline char const* errorTextOf(int status, char const* buffer) {
 inline char const* errorTextOf(char const* text, char const* /*buffer*/) { return text; }
 
 /// What strerror(number) says; that itself need not be safe from every thread.
-inline std::string errorText(int number) {
-  std::array<char, 256> buffer{};
-  return errorTextOf(::strerror_r(number, buffer.data(), buffer.size()), buffer.data());
-}
+class ErrorText {
+public:
+  explicit ErrorText(int number)
+      : text_(errorTextOf(::strerror_r(number, buffer_.data(), buffer_.size()), buffer_.data())) {}
+
+  ErrorText(ErrorText const&) = delete;
+  ErrorText& operator=(ErrorText const&) = delete;
+
+  char const* c_str() const { return text_; }
+
+private:
+  std::array<char, 256> buffer_{};
+  char const* text_;
+};
 
 }  // namespace vrxutil::detail

@@ -2,6 +2,7 @@
 
 #include "platform/common/error_text.h"
 #include "platform/common/utf8.h"
+#include "platform/common/write_signals.h"
 
 #include <algorithm>
 #include <array>
@@ -9,13 +10,11 @@
 #include <climits>
 #include <cstdint>
 #include <cstdio>
-#include <ctime>
 #include <cwchar>
 #include <span>
 #include <utility>
 
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -94,54 +93,6 @@ Failure readToEnd(Descriptor const& file, std::string const& path, std::size_t e
   bytes.resize(count);
   return std::nullopt;
 }
-
-/// Keeps the signals that a failing write raises from the process, which they
-/// would end: SIGPIPE and, at the limit of a file's size, SIGXFSZ.
-class WriteSignalsBlocked {
-public:
-  WriteSignalsBlocked() {
-    sigset_t signals;
-    ::sigemptyset(&signals);
-    for (int const number : kSignals) ::sigaddset(&signals, number);
-    ::sigemptyset(&foreign_);
-    ::sigpending(&foreign_);
-    ::pthread_sigmask(SIG_BLOCK, &signals, &before_);
-  }
-
-  ~WriteSignalsBlocked() {
-    int const errorNumber = errno;
-    for (int const number : kSignals) {
-      if (::sigismember(&foreign_, number) != 1) take(number);
-    }
-    ::pthread_sigmask(SIG_SETMASK, &before_, nullptr);
-    errno = errorNumber;
-  }
-
-  WriteSignalsBlocked(WriteSignalsBlocked const&) = delete;
-  WriteSignalsBlocked& operator=(WriteSignalsBlocked const&) = delete;
-
-private:
-  static constexpr std::array kSignals{SIGPIPE, SIGXFSZ};
-
-  /// Consumes a signal, if it is pending.
-  static void take(int number) {
-    sigset_t signal;
-    ::sigemptyset(&signal);
-    ::sigaddset(&signal, number);
-#ifdef __APPLE__  // has no sigtimedwait
-    sigset_t pending;
-    ::sigemptyset(&pending);
-    ::sigpending(&pending);
-    if (::sigismember(&pending, number) == 1) ::sigwait(&signal, &number);
-#else
-    timespec const noTime{};
-    uninterrupted([&] { return ::sigtimedwait(&signal, nullptr, &noTime); });
-#endif
-  }
-
-  sigset_t foreign_;  // pending before, for others to take
-  sigset_t before_;
-};
 
 /// False with errno set. A write that takes fewer bytes is followed by another.
 bool writeAll(int fd, std::string_view bytes) {
@@ -305,6 +256,35 @@ Failure writeInPlace(std::string const& path, std::string_view bytes) {
   return std::nullopt;
 }
 
+/// From the C locale's encoding; `replacementOf` gives the character for a byte
+/// that means nothing in it.
+template <class ReplacementOf>
+std::wstring widen(std::string_view text, ReplacementOf replacementOf) {
+  std::wstring wide;
+  wide.reserve(text.size());
+  std::mbstate_t state{};
+  while (!text.empty()) {
+    wchar_t c = L'\0';
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): safe with a state of its own (POSIX)
+    std::size_t size = std::mbrtowc(&c, text.data(), text.size(), &state);
+    if (size > text.size()) {  // -1 or -2: invalid, or cut
+      c = replacementOf(text.front());
+      size = 1;
+      state = {};
+    }
+    wide += c;
+    text.remove_prefix(std::max<std::size_t>(size, 1));  // 0 stands for a NUL
+  }
+  return wide;
+}
+
+/// wcrtomb; kInvalidSize for what the encoding lacks. `target` has room for
+/// MB_LEN_MAX bytes.
+std::size_t narrowOne(wchar_t c, char* target, std::mbstate_t& state) {
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): safe with a state of its own (POSIX)
+  return std::wcrtomb(target, c, &state);
+}
+
 /// Makes one folder; false with errno set.
 bool makeFolder(std::string const& path, mode_t mode) {
   if (isFolder(path) || ::mkdir(path.c_str(), mode) == 0) return true;
@@ -317,7 +297,8 @@ bool makeFolder(std::string const& path, mode_t mode) {
 }  // namespace
 
 std::string describe(FileError const& error) {
-  return std::string("cannot ") + error.action + ' ' + error.path + ": " + errorText(error.number);
+  return std::string("cannot ") + error.action + ' ' + error.path + ": " +
+         ErrorText(error.number).c_str();
 }
 
 Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
@@ -336,41 +317,30 @@ bool Descriptor::close() noexcept {
   return fd < 0 || ::close(fd) == 0 || errno == EINTR;
 }
 
-// NOLINTBEGIN(concurrency-mt-unsafe): wcrtomb and mbrtowc with a state of the
-// caller's are safe in all threads (POSIX).
 std::optional<std::string> narrowFileName(std::wstring_view fileName) {
   std::string name;
   std::mbstate_t state{};
   std::array<char, MB_LEN_MAX> buffer;
   for (wchar_t const c : fileName) {
-    std::size_t const size = c == L'\0' ? kInvalidSize : std::wcrtomb(buffer.data(), c, &state);
+    std::size_t const size = c == L'\0' ? kInvalidSize : narrowOne(c, buffer.data(), state);
     if (size == kInvalidSize) return std::nullopt;
     name.append(buffer.data(), size);
   }
   // Encodings with states end in the first one, by bytes before the NUL.
-  std::size_t const size = std::wcrtomb(buffer.data(), L'\0', &state);
+  std::size_t const size = narrowOne(L'\0', buffer.data(), state);
   name.append(buffer.data(), size - 1);
   return name;
 }
 
-std::wstring wideMessage(std::string_view text) {
-  std::wstring wide;
-  std::mbstate_t state{};
-  while (!text.empty()) {
-    wchar_t c = L'\0';
-    std::size_t size = std::mbrtowc(&c, text.data(), text.size(), &state);
-    if (size > text.size()) {  // -1 or -2: invalid, or cut
-      c = kReplacementCharacter;
-      size = 1;
-      state = {};
-    }
-    wide += c;
-    text.remove_prefix(std::max<std::size_t>(size, 1));  // 0 stands for a NUL
-  }
-  return wide;
+std::wstring wideFileName(std::string_view fileName) {
+  return widen(fileName, [](char byte) {
+    return static_cast<wchar_t>(0xDC00 + static_cast<unsigned char>(byte));
+  });
 }
 
-// NOLINTEND(concurrency-mt-unsafe)
+std::wstring wideMessage(std::string_view text) {
+  return widen(text, [](char /*byte*/) { return kReplacementCharacter; });
+}
 
 Failure readFile(std::string const& path, std::size_t limit, std::string& bytes) {
   Descriptor const file = openWithoutWaiting(path, O_RDONLY);

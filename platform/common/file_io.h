@@ -53,8 +53,12 @@ private:
 /// the encoding lacks, or a NUL.
 std::optional<std::string> narrowFileName(std::wstring_view fileName);
 
-/// The reverse, for messages: `text` from the C locale's encoding, with U+FFFD
-/// for each byte that means nothing in it.
+/// The reverse: `fileName` from the C locale's encoding. A byte that means nothing
+/// in it becomes U+DC80 to U+DCFF, which no encoding has: narrowFileName() refuses
+/// the name, instead of another one being taken for it.
+std::wstring wideFileName(std::string_view fileName);
+
+/// The same for messages, with U+FFFD for each byte that means nothing.
 std::wstring wideMessage(std::string_view text);
 
 /// Reads a whole file, up to `limit` bytes (EFBIG beyond it; `bytes` is then, as

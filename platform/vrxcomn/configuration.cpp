@@ -1,11 +1,10 @@
+#include "platform/common/file_io.h"
 #include "platform/vrxcomn/service_slot.h"
 
 #include <vrxcomn/configuration.h>
 
 #include <cerrno>
-#include <cstddef>
 #include <cstdlib>
-#include <cwchar>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -84,30 +83,9 @@ std::string defaultFolder(std::string_view name) {
 #endif
 }
 
-/// `path` as wide text that narrows to the same bytes in the same locale. A byte
-/// that is no text in it becomes U+DC80 to U+DCFF, which no encoding has: the
-/// path is refused when it is used, instead of another one being taken for it.
-std::wstring widePath(std::string_view path) {
-  std::wstring wide;
-  wide.reserve(path.size());
-  std::mbstate_t state{};
-  while (!path.empty()) {
-    wchar_t character = 0;
-    std::size_t length = std::mbrtowc(&character, path.data(), path.size(), &state);
-    if (length == 0 || length > path.size()) {
-      character = static_cast<wchar_t>(0xDC00 + static_cast<unsigned char>(path.front()));
-      length = 1;
-      state = {};
-    }
-    wide += character;
-    path.remove_prefix(length);
-  }
-  return wide;
-}
-
 std::wstring folder(char const* variable, std::string_view defaultName) {
   auto const chosen = folderFromEnvironment(variable);
-  return widePath(chosen ? *chosen : defaultFolder(defaultName));
+  return vrxutil::detail::wideFileName(chosen ? *chosen : defaultFolder(defaultName));
 }
 
 /// Asks the environment each time: it is cheap, and nothing can go stale.

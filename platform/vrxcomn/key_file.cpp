@@ -1,6 +1,7 @@
 #include "platform/vrxcomn/key_file.h"
 
 #include "platform/common/file_io.h"
+#include "platform/common/write_signals.h"
 
 #include <cerrno>
 #include <cstddef>
@@ -63,6 +64,7 @@ Reading readKey(std::string const& folder, std::string const& path, SecretKey& k
 bool writeKey(int fd) {
   SecretKey key;
   randombytes_buf(key.data(), SecretKey::size());
+  WriteSignalsBlocked const blocked;
   return transferKey(::write, fd, key.data()) && ::fsync(fd) == 0;
 }
 

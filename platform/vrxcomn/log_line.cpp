@@ -5,12 +5,13 @@
 #include <vrxcomn/logger.h>
 
 #include <spdlog/details/os.h>
-#include <spdlog/fmt/fmt.h>
 
 #include <algorithm>
 #include <array>
+#include <charconv>
+#include <cstddef>
 #include <cstdlib>
-#include <iterator>
+#include <limits>
 
 #include <time.h>
 #include <unistd.h>
@@ -20,6 +21,12 @@ namespace vrxutil::detail {
 namespace {
 
 using vornix_com::oxa::logger::LogLevel;
+
+/// "2024-05-01T12:34:56.789+02:00 1234567/1234567 "
+constexpr std::size_t kUsualHeadSize = 46;
+
+/// What stands around group and message where nothing is escaped: "detail [] ".
+constexpr std::size_t kUsualFrameSize = 10;
 
 struct CharacterRange {
   wchar_t first;
@@ -77,16 +84,35 @@ void appendField(std::wstring_view text, wchar_t closing, std::wstring& out) {
   }
 }
 
-std::wstring levelWord(int level) {
+struct NumberField {
+  long value;
+  int digits;  // at least
+  char mark;   // after it
+};
+
+/// By hand: a general formatter takes longer than the record's way to the file.
+void appendNumber(NumberField const& field, std::string& out) {
+  std::array<char, std::numeric_limits<long>::digits10 + 2> text;
+  char* const start = text.data();
+  char* const end = std::to_chars(start, start + text.size(), field.value).ptr;
+  for (auto digits = end - start; digits < field.digits; ++digits) out += '0';
+  out.append(start, end);
+  out += field.mark;
+}
+
+void appendLevel(int level, std::wstring& out) {
   switch (static_cast<LogLevel>(level)) {
     case LogLevel::detail:
-      return L"detail";
+      out += L"detail";
+      return;
     case LogLevel::info:
-      return L"info";
+      out += L"info";
+      return;
     case LogLevel::error:
-      return L"error";
+      out += L"error";
+      return;
   }
-  return std::to_wstring(level);
+  out += std::to_wstring(level);
 }
 
 }  // namespace
@@ -99,8 +125,9 @@ bool isLogControl(wchar_t c) noexcept {
 }
 
 std::string logLineTail(int level, std::wstring_view group, std::wstring_view message) {
-  std::wstring line = levelWord(level);
-  line.reserve(line.size() + group.size() + message.size() + 8);
+  std::wstring line;
+  line.reserve(kUsualFrameSize + group.size() + message.size());
+  appendLevel(level, line);
   line += L" [";
   appendField(group, L']', line);
   line += L"] ";
@@ -108,23 +135,35 @@ std::string logLineTail(int level, std::wstring_view group, std::wstring_view me
   return lossyUtf8(line);
 }
 
-std::string logLineHead(std::chrono::system_clock::time_point time) {
+std::string logLine(std::chrono::system_clock::time_point time, std::string_view tail) {
   using std::chrono::milliseconds;
   auto const sinceEpoch = std::chrono::floor<milliseconds>(time.time_since_epoch());
   auto const seconds = std::chrono::floor<std::chrono::seconds>(sinceEpoch);
   auto const wholeSeconds = static_cast<time_t>(seconds.count());
   tm local{};
   ::localtime_r(&wholeSeconds, &local);  // fails only for a year beyond int
-  long const offsetMinutes = local.tm_gmtoff / 60;
-  std::string head;
-  // The thread's number is asked for afresh, since a child after fork has another.
-  fmt::format_to(std::back_inserter(head),
-                 "{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}{}{:02}:{:02} {}/{} ",
-                 local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min,
-                 local.tm_sec, (sinceEpoch - seconds).count(), offsetMinutes < 0 ? '-' : '+',
-                 std::labs(offsetMinutes) / 60, std::labs(offsetMinutes) % 60, ::getpid(),
-                 spdlog::details::os::_thread_id());
-  return head;
+  long const offset = local.tm_gmtoff / 60;
+  auto const millisecond = static_cast<long>((sinceEpoch - seconds).count());
+  // Process and thread are asked for afresh, since a child after fork has others.
+  std::array<NumberField, 11> const head{{
+      {local.tm_year + 1900L, 4, '-'},
+      {local.tm_mon + 1L, 2, '-'},
+      {local.tm_mday, 2, 'T'},
+      {local.tm_hour, 2, ':'},
+      {local.tm_min, 2, ':'},
+      {local.tm_sec, 2, '.'},
+      {millisecond, 3, offset < 0 ? '-' : '+'},
+      {std::labs(offset) / 60, 2, ':'},
+      {std::labs(offset) % 60, 2, ' '},
+      {::getpid(), 1, '/'},
+      {static_cast<long>(spdlog::details::os::_thread_id()), 1, ' '},
+  }};
+  std::string line;
+  line.reserve(kUsualHeadSize + tail.size() + 1);
+  for (NumberField const& field : head) appendNumber(field, line);
+  line += tail;
+  line += '\n';
+  return line;
 }
 
 }  // namespace vrxutil::detail

@@ -23,7 +23,7 @@ bool isLogControl(wchar_t c) noexcept;
 /// The line from the level on, without its end. An unknown level is its number.
 std::string logLineTail(int level, std::wstring_view group, std::wstring_view message);
 
-/// The line up to the level, with the blank after it, for the calling thread.
-std::string logLineHead(std::chrono::system_clock::time_point time);
+/// The whole line, with its end: a record of the calling thread at `time`.
+std::string logLine(std::chrono::system_clock::time_point time, std::string_view tail);
 
 }  // namespace vrxutil::detail

@@ -31,7 +31,7 @@ namespace {
 
 using configuration::IConfiguration;
 using vrxutil::detail::LogFile;
-using vrxutil::detail::logLineHead;
+using vrxutil::detail::logLine;
 using vrxutil::detail::logLineTail;
 using vrxutil::detail::Undisturbed;
 
@@ -151,11 +151,8 @@ private:
 
 using Slot = vrxutil::detail::ServiceSlot<ILogger, BuiltInLogger>;
 
-std::string completeLine(std::string_view tail) {
-  std::string line = logLineHead(std::chrono::system_clock::now());
-  line += tail;
-  line += '\n';
-  return line;
+std::string lineOfNow(std::string_view tail) {
+  return logLine(std::chrono::system_clock::now(), tail);
 }
 
 BuiltInLogger::BuiltInLogger() noexcept {
@@ -214,7 +211,7 @@ void BuiltInLogger::fallBack(std::string const& reason) {
 
 void BuiltInLogger::writeRecord(std::string const& tail) {
   Guard const guard(lock_);  // before the time is taken: the times in a file ascend
-  std::string const line = completeLine(tail);
+  std::string const line = lineOfNow(tail);
   // Nested when memory management or a handler of fork logs, say.
   if (Lock::isNested() || !writeToFile(line)) writeToStandardError(line);
 }
@@ -235,7 +232,7 @@ bool BuiltInLogger::writeToFile(std::string const& line) {
 void BuiltInLogger::warn(std::string const& reason) {
   std::wstring const text =
       widen(reason) + L"; records go to standard error while the log cannot be written";
-  writeToStandardError(completeLine(logLineTail(static_cast<int>(LogLevel::error), L"Log", text)));
+  writeToStandardError(lineOfNow(logLineTail(static_cast<int>(LogLevel::error), L"Log", text)));
 }
 
 }  // namespace

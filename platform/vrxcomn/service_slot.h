@@ -30,7 +30,7 @@ public:
   static BuiltIn& builtIn() noexcept {
     static_assert(std::is_nothrow_default_constructible_v<BuiltIn>);
     alignas(BuiltIn) static std::array<std::byte, sizeof(BuiltIn)> storage;
-    static BuiltIn* const object = ::new (static_cast<void*>(storage.data())) BuiltIn;
+    static auto* const object = ::new (static_cast<void*>(storage.data())) BuiltIn;
     return *object;
   }
 

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <memory>
@@ -20,10 +21,17 @@
 #include <thread>
 #include <vector>
 
+#include <limits.h>
+#include <pthread.h>
+
 namespace {
 
 // Blocks taken by this thread so far.
 constinit thread_local unsigned long blocksTaken = 0;
+
+// How many blocks this thread still gets before the free store says once that it
+// has none; below zero, it never does.
+constinit thread_local long blocksBeforeFailure = -1;
 
 // Bytes taken and not given back, by all threads.
 constinit std::atomic<long> bytesInUse = 0;
@@ -34,6 +42,7 @@ std::size_t spaceBefore(std::size_t alignment) {
 }
 
 void* take(std::size_t size, std::size_t alignment) noexcept {
+  if (blocksBeforeFailure >= 0 && blocksBeforeFailure-- == 0) return nullptr;
   std::size_t const space = spaceBefore(alignment);
   std::size_t const whole = (size + 2 * space - 1) / space * space;
   void* const memory = std::aligned_alloc(space, whole);
@@ -200,6 +209,11 @@ constexpr Operation kOtherOperations[] = {
     {"logErrorNoStack", [] { logErrorNoStack(kGroup, kMessage); }},
     {"logInternalError", [] { logInternalError(kGroup, kMessage); }},
     {"logError", [] { logError(kGroup, kMessage); }},
+    {"logErrno",
+     [] {
+       errno = ENOENT;
+       logErrno(kGroup);
+     }},
     {"AnInfoTrace", [] { AnInfoTrace const scope(kGroup, kMessage); }},
     {"AnInfoTrace, set and logged",
      [] {
@@ -266,6 +280,14 @@ TEST(LogAllocationTest, NothingIsAllocatedForShortTextsAfterLongOnes) {
   }
 }
 
+TEST(LogAllocationTest, NothingIsAllocatedForAnErrorInSixtyFourScopes) {
+  DroppingLogger const logger;
+  std::array<std::optional<ADetailTrace>, 64> scopes;
+  for (auto& scope : scopes) scope.emplace(kGroup, kMessage);
+  EXPECT_EQ(blocksTakenBy({"", [] { logError(kGroup, kMessage); }}), 0U);
+  for (auto scope = scopes.rbegin(); scope != scopes.rend(); ++scope) scope->reset();
+}
+
 TEST(LogAllocationTest, TextsOfEveryLengthAreRightWhenMemoryIsUsedAgain) {
   LogRecorder recorder;
   for (std::size_t const length : {0U,  15U,  16U,  17U,  63U,   64U,     65U, 66U, 79U, 80U,
@@ -289,6 +311,41 @@ TEST(LogAllocationTest, TextsOfEveryLengthAreRightWhenMemoryIsUsedAgain) {
                  errorRecord(group, L"internal error: " + message),
                  errorRecord(group, L"Error trace:"), errorRecord(group, L" [" + later + L"]->"),
                  errorRecord(group, L"  " + message)}));
+  }
+}
+
+// --- Lack of memory -------------------------------------------------------------------------
+
+// Runs the operation as the first thing that its thread logs, with a free store
+// that fails after `blocks` more; whether it was told.
+bool isTold(Operation const& operation, long blocks) {
+  bool told = false;
+  std::thread([&] {
+    blocksBeforeFailure = blocks;
+    try {
+      operation.run();
+    } catch (std::bad_alloc const&) {
+      told = true;
+    }
+    bool const hasFailed = blocksBeforeFailure < 0;
+    blocksBeforeFailure = -1;
+    EXPECT_TRUE(hasFailed || !told);
+    operation.run();
+    EXPECT_EQ(getThreadTraceStack()->top, nullptr);
+  }).join();
+  return told;
+}
+
+TEST(LogAllocationTest, LackOfMemoryIsToldAndLeavesNothingBehind) {
+  DroppingLogger const logger;
+  for (auto const& operations : {std::span<Operation const>(kDetailOperations),
+                                 std::span<Operation const>(kOtherOperations)}) {
+    for (Operation const& operation : operations) {
+      EXPECT_TRUE(isTold(operation, 0)) << operation.name;
+      long const before = bytesInUse;
+      for (long blocks = 0; blocks < 40; ++blocks) isTold(operation, blocks);
+      EXPECT_EQ(bytesInUse, before) << operation.name;
+    }
   }
 }
 
@@ -348,6 +405,14 @@ TEST(LogAllocationTest, ManyScopesAreGivenBack) {
   EXPECT_LT(growthBy([] { nest<10000>(kMessage); }), kSmall);
 }
 
+pthread_key_t lastRecordsKey;
+
+// Logs in each round of the destructors of a thread's keys; `left` counts them.
+void logLastRecord(void* left) {
+  logResult(kGroup, kMessage);
+  if (--*static_cast<int*>(left) > 0) pthread_setspecific(lastRecordsKey, left);
+}
+
 TEST(LogAllocationTest, EndedThreadsLeaveNothing) {
   constexpr Operation kThreadBodies[] = {
       {"nests and logs",
@@ -358,9 +423,15 @@ TEST(LogAllocationTest, EndedThreadsLeaveNothing) {
        }},
       {"logs an error only", [] { logError(kGroup, kMessage); }},
       {"logs and leaves a scope", [] { new ADetailTrace(kGroup, kMessage); }},
+      {"logs to the end of its keys",
+       [] {
+         static thread_local constinit int rounds = PTHREAD_DESTRUCTOR_ITERATIONS;
+         pthread_setspecific(lastRecordsKey, &rounds);
+       }},
       {"leaves a scope that logs nothing",
        [] { new ATrace(kGroup, kMessage, /*detail=*/true, /*logNow=*/false); }},
   };
+  ASSERT_EQ(pthread_key_create(&lastRecordsKey, logLastRecord), 0);
   DroppingLogger const logger;
   for (Operation const& body : kThreadBodies) {
     auto const runThreads = [&](int count) {
@@ -371,6 +442,7 @@ TEST(LogAllocationTest, EndedThreadsLeaveNothing) {
     runThreads(100);
     EXPECT_EQ(bytesInUse, before) << body.name;
   }
+  pthread_key_delete(lastRecordsKey);
 }
 
 }  // namespace

@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
+#include <cstddef>
 #include <cstdlib>
 #include <functional>
 #include <latch>
@@ -17,6 +19,7 @@
 #include <utility>
 #include <vector>
 
+#include <cxxabi.h>
 #include <limits.h>
 #include <pthread.h>
 #include <unistd.h>
@@ -437,6 +440,12 @@ constexpr char kLateWork[] =
     "4 [Late]  [new text]->\n"
     "4 [Late]   inner\n";
 
+// The same once there are no stacks any more.
+constexpr char kLateWorkWithoutTrace[] =
+    "4 [Late] error\n"
+    "1 [Late] scope\n"
+    "4 [Late] inner\n";
+
 // The same where other scopes may show, or where there is no trace any more.
 constexpr char kLateWorkAmongScopes[] =
     "(4 [^\n]*\n)*"
@@ -466,12 +475,30 @@ AtProcessEnd& atLocalStaticEnd() {
   return object;
 }
 
-// Called after the destruction of all static objects.
-void (*afterStaticObjects)() = nullptr;
+// Called when the program has no static objects any more, but its libraries have.
+void (*afterProgram)() = nullptr;
 
-[[gnu::destructor]] void callAfterStaticObjects() {
-  if (afterStaticObjects != nullptr) afterStaticObjects();
+[[gnu::destructor]] void callAfterProgram() {
+  if (afterProgram != nullptr) afterProgram();
 }
+
+#ifdef __linux__
+
+// Called when the libraries have no static objects any more either.
+void (*afterLibraries)() = nullptr;
+
+void callAfterLibraries(void*) {
+  if (afterLibraries != nullptr) afterLibraries();
+}
+
+// What is registered first is called last. This runs before the libraries make
+// their objects; of no library, it is not called at the end of one.
+void registerAfterLibraries() { abi::__cxa_atexit(callAfterLibraries, nullptr, nullptr); }
+
+[[gnu::used,
+  gnu::section(".preinit_array")]] void (*const beforeLibraries)() = registerAfterLibraries;
+
+#endif
 
 // Each test's statement runs in a fresh process, in which nothing has used the
 // library before.
@@ -563,16 +590,56 @@ TEST_F(ProcessEndDeathTest, ThreadLocalObjectOfTheMainThreadMayLog) {
       exitsWell(), testing::Eq(kLateWork));
 }
 
-TEST_F(ProcessEndDeathTest, CodeThatRunsAfterAllStaticObjectsMayLog) {
+TEST_F(ProcessEndDeathTest, CodeThatRunsAfterTheProgramsStaticObjectsMayLog) {
   EXPECT_EXIT(
       {
         logToStandardError();
         useLibrary();
-        afterStaticObjects = workLate;
+        afterProgram = workLate;
         std::exit(0);
       },
       exitsWell(), exactly(kLateWorkAmongScopes));
 }
+
+#ifdef __linux__
+
+TEST_F(ProcessEndDeathTest, CodeThatRunsAfterAllStaticObjectsLogsWithoutATrace) {
+  EXPECT_EXIT(
+      {
+        logToStandardError();
+        useLibrary();
+        afterLibraries = [] {
+          if (getThreadTraceStack() == nullptr) say("no stack");
+          workLate();
+        };
+        std::exit(0);
+      },
+      exitsWell(), testing::Eq(std::string("no stack\n") + kLateWorkWithoutTrace));
+}
+
+TEST_F(ProcessEndDeathTest, FirstUseOfAllMayComeAfterAllStaticObjects) {
+  EXPECT_EXIT(
+      {
+        logToStandardError();
+        afterLibraries = workLate;
+        std::exit(0);
+      },
+      exitsWell(), testing::Eq(kLateWorkWithoutTrace));
+}
+
+TEST_F(ProcessEndDeathTest, CodeThatRunsAfterAllStaticObjectsMayLogToTheBuiltInLogger) {
+  EXPECT_EXIT(
+      {
+        ILogger::SetLogger(nullptr);
+        useLibrary();
+        afterLibraries = workLate;
+        std::exit(0);
+      },
+      exitsWell(),
+      " error \\[Late\\] error\n.* info \\[Late\\] scope\n.* error \\[Late\\] inner\n$");
+}
+
+#endif
 
 TEST_F(ProcessEndDeathTest, EveryMomentInTurnMayLog) {
   std::string lateWork = kLateWorkAmongScopes;
@@ -584,7 +651,7 @@ TEST_F(ProcessEndDeathTest, EveryMomentInTurnMayLog) {
         logToStandardError();
         leaveScope(workLate);
         atStaticEnd.action = workLate;
-        afterStaticObjects = workLate;
+        afterProgram = workLate;
         std::exit(0);
       },
       exitsWell(), exactly(lateWork));
@@ -683,6 +750,40 @@ TEST_F(ProcessEndDeathTest, ThreadThatCallsExitKeepsItsStackAndLosesItsLeftOvers
       exitsWell(), testing::Eq("deleted\n"));
 }
 
+// Memory for a thread's stack with room for a scope right above it.
+constexpr std::size_t kStackSize = 1024 * 1024;
+alignas(4096) std::array<std::byte, kStackSize + 4096> stackAndMore;
+
+// A scope in that room.
+class ScopeAboveTheStack : public ActingScope {
+public:
+  using ActingScope::ActingScope;
+
+  static void* operator new(std::size_t) { return stackAndMore.data() + kStackSize; }
+
+  static void operator delete(void*) {}
+};
+
+TEST_F(ProcessEndDeathTest, LeftOverScopeAboveTheStackIsDeleted) {
+  EXPECT_EXIT(
+      {
+        logToStandardError();
+        pthread_attr_t attributes;
+        pthread_attr_init(&attributes);
+        pthread_attr_setstack(&attributes, stackAndMore.data(), kStackSize);
+        pthread_t thread{};
+        auto const leave = [](void*) -> void* {
+          new ScopeAboveTheStack([] { say("deleted"); });
+          ActingScope const onStack([] { say("closed"); });
+          std::exit(0);
+        };
+        if (pthread_create(&thread, &attributes, leave, nullptr) == 0) {
+          pthread_join(thread, nullptr);
+        }
+      },
+      exitsWell(), testing::Eq("deleted\n"));
+}
+
 // Drops every record.
 class SilentLogger final : public ILogger {
 public:
@@ -718,7 +819,7 @@ public:
   std::thread(startForEver).detach();
   busy->wait();
   atStaticEnd.action = workLate;
-  afterStaticObjects = workLate;
+  afterProgram = workLate;
   std::exit(0);
 }
 

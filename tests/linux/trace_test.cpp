@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -276,6 +277,25 @@ TEST(TraceTest, ScopeKeepsCopiesOfItsTexts) {
 }
 
 // --- The stack ------------------------------------------------------------------------
+
+template <class Member>
+Member const& memberAt(ATrace const& scope, std::size_t offset) {
+  return *reinterpret_cast<Member const*>(reinterpret_cast<std::byte const*>(&scope) + offset);
+}
+
+TEST(TraceTest, MembersStandInTheirOrderAfterTheTableOfVirtualOperations) {
+  constexpr std::size_t kWord = sizeof(void*);
+  LogRecorder const recorder;
+  QuietScope const outer(L"A", L"outer");
+  ATrace const inner(L"B", L"inner", /*detail=*/true, /*logNow=*/false);
+  EXPECT_EQ(memberAt<ATraceStack*>(inner, kWord), getThreadTraceStack());
+  EXPECT_EQ(memberAt<ATrace*>(inner, 2 * kWord), &outer);
+  EXPECT_EQ(memberAt<ATrace*>(outer, 2 * kWord), nullptr);
+  EXPECT_EQ(memberAt<AString>(inner, 3 * kWord).const_cpp_str(), L"B");
+  EXPECT_TRUE(memberAt<bool>(inner, 3 * kWord + sizeof(AString)));
+  EXPECT_FALSE(memberAt<bool>(outer, 3 * kWord + sizeof(AString)));
+  EXPECT_EQ(memberAt<AString>(inner, 4 * kWord + sizeof(AString)).const_cpp_str(), L"inner");
+}
 
 TEST(TraceTest, ThreadHasOneStackThatStartsEmpty) {
   LogRecorder const recorder;

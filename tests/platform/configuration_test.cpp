@@ -1,25 +1,39 @@
 #include "tests/platform/child_process.h"
 #include "tests/support/locale_scope.h"
+#include "tests/support/temporary_folder.h"
 
 #include <vrxcomn/configuration.h>
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <climits>
 #include <cstddef>
+#include <cstdio>
 #include <cstdlib>
+#include <cwchar>
+#include <filesystem>
 #include <map>
 #include <optional>
 #include <string>
 
 #include <pwd.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+#ifdef __linux__
+#include <sched.h>
+#include <sys/auxv.h>
+#include <sys/mount.h>
+#endif
 
 namespace vrxutil::test {
 
 namespace {
 
 using vornix_com::oxa::configuration::IConfiguration;
+
+namespace fs = std::filesystem;
 
 using Environment = std::map<std::string, std::string>;
 
@@ -186,6 +200,20 @@ INSTANTIATE_TEST_SUITE_P(Environments, HomelessTest,
                          testing::Values(Environment{}, Environment{{"HOME", ""}},
                                          Environment{{"HOME", "h"}, {"XDG_STATE_HOME", "s"}}));
 
+TEST(ConfigurationTest, EffectiveUserCounts) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can become somebody else and back";
+  runChecks({{"XDG_STATE_HOME", "/s"}}, [] {
+    ASSERT_EQ(0, ::seteuid(kNobody));
+    EXPECT_EQ(L"/s/vornix/oxa", dataFolder());
+    ASSERT_EQ(0, ::seteuid(0));
+  });
+  runChecks({}, [] {
+    ASSERT_EQ(0, ::seteuid(kStranger));
+    EXPECT_EQ(L"/var/lib/vornix/oxa", dataFolder());  // root would have a home
+    ASSERT_EQ(0, ::seteuid(0));
+  });
+}
+
 TEST(ConfigurationTest, UserWithoutAHomeGetsTheSystemsFolders) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root can become a user without an entry";
   runChecks({}, [] {
@@ -194,6 +222,70 @@ TEST(ConfigurationTest, UserWithoutAHomeGetsTheSystemsFolders) {
     EXPECT_EQ(L"/var/lib/vornix/oxa", dataFolder());
     EXPECT_EQ(L"/var/lib/vornix/updater", updaterFolder());
   });
+}
+
+#endif
+
+#ifdef __linux__
+
+/// The exit status of a child that could not do what its check rests on.
+constexpr int kNotPossible = 77;
+
+TEST(ConfigurationTest, EntryOfTheUserDatabaseMayBeLong) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can put a user database in the other's place";
+  TemporaryFolder const folder;
+  makeFile(folder / "passwd",
+           "stranger:x:54321:54321:" + std::string(20000, 'n') + ":/home/stranger:/bin/false\n");
+  ChildResult const result = runInChild([&] {
+    setEnvironment({});
+    bool const isMounted =
+        ::unshare(CLONE_NEWNS) == 0 &&
+        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+        ::mount((folder / "passwd").c_str(), "/etc/passwd", nullptr, MS_BIND, nullptr) == 0;
+    if (!isMounted) ::_exit(kNotPossible);
+    fs::permissions(folder.path(), fs::perms::all);
+    fs::permissions(folder / "passwd", fs::perms::all);
+    leaveRoot(kStranger);
+    EXPECT_EQ(L"/home/stranger/.local/state/vornix/oxa", dataFolder());
+  });
+  if (result.status == kNotPossible << 8) GTEST_SKIP() << "the host does not allow private mounts";
+  EXPECT_EQ(0, result.status) << result.standardError;
+}
+
+/// Runs this test once more as a set-uid program, with an environment that it is
+/// to ignore.
+[[noreturn]] void runAsSetUidProgram(std::string const& program) {
+  std::array<char const*, 3> const arguments{
+      program.c_str(), "--gtest_filter=ConfigurationTest.RaisedPrivilegesIgnoreTheEnvironment",
+      nullptr};
+  std::array<char const*, 5> const environment{"VRX_DATA_DIR=/d", "XDG_STATE_HOME=/s", "HOME=/h",
+                                               "ASAN_OPTIONS=detect_leaks=0", nullptr};
+  ::dup2(STDERR_FILENO, STDOUT_FILENO);  // where this test's failures go
+  if (::setuid(kNobody) == 0) {
+    ::execve(program.c_str(), const_cast<char* const*>(arguments.data()),
+             const_cast<char* const*>(environment.data()));
+  }
+  ::_exit(kNotPossible);
+}
+
+TEST(ConfigurationTest, RaisedPrivilegesIgnoreTheEnvironment) {
+  if (::getauxval(AT_SECURE) != 0) {
+    EXPECT_EQ(L"/var/lib/vornix/oxa", dataFolder());
+    std::fputs("checked\n", stderr);
+    return;
+  }
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can make a program of another user";
+  TemporaryFolder const folder;
+  std::string const program = folder / "program";
+  fs::copy_file("/proc/self/exe", program);
+  fs::permissions(folder.path(), fs::perms::all);
+  ASSERT_EQ(0, ::chown(program.c_str(), kStranger, kStranger));
+  ASSERT_EQ(0, ::chmod(program.c_str(), 04755));
+  ChildResult const result = runInChild([&] { runAsSetUidProgram(program); });
+  if (result.standardError.find("checked") == std::string::npos) {
+    GTEST_SKIP() << "the host runs no set-uid program here: " << result.standardError;
+  }
+  EXPECT_EQ(0, result.status) << result.standardError;
 }
 
 #endif

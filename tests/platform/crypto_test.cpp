@@ -1,4 +1,5 @@
 #include "tests/platform/child_process.h"
+#include "tests/platform/system_call_fault.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/temporary_folder.h"
 
@@ -8,19 +9,30 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <optional>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <fcntl.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#ifdef __linux__
+#include <linux/capability.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#endif
 
 namespace vrxutil::test {
 
@@ -198,7 +210,7 @@ TEST_F(CryptoTest, TextThatIsLongerOrForeignIsRefused) {
   std::string const text = encrypted("0123456789");
   for (std::string const& foreign :
        {text + '\0', '\x01' + text, text + text,
-        std::string("<?xml version=\"1.0\"?><root attribute=\"value\"/>"), std::string(100, '\0'),
+        std::string(R"(<?xml version="1.0"?><root attribute="value"/>)"), std::string(100, '\0'),
         std::string(100, '\x01')}) {
     EXPECT_EQ(std::nullopt, decrypted(foreign));
   }
@@ -373,6 +385,18 @@ TEST_F(CryptoTest, FileInAFoldersPlaceIsRefused) {
   EXPECT_EQ("", fileBytes(keyFolder()));
 }
 
+TEST_F(CryptoTest, KeyThatCannotBeWrittenIsNoneAndKillsNothing) {
+  fs::create_directories(keyFolder());
+  ChildResult const result = runInChild([] {
+    ::signal(SIGXFSZ, SIG_DFL);
+    rlimit const limit{.rlim_cur = kKeySize - 1, .rlim_max = RLIM_INFINITY};
+    ASSERT_EQ(0, ::setrlimit(RLIMIT_FSIZE, &limit));
+    EXPECT_EQ(nullptr, makeEncryption());
+  });
+  EXPECT_EQ(0, result.status) << result.standardError;
+  EXPECT_EQ(std::set<std::string>{}, entriesOf(keyFolder()));
+}
+
 TEST_F(CryptoTest, KeyWithASecondNameIsTaken) {
   // As a process leaves it that ended between giving the name and removing the first.
   makeKeyFile();
@@ -396,10 +420,88 @@ TEST_F(CryptoTest, DataFolderThatTheLocaleCannotExpressIsRefused) {
   IConfiguration::SetConfiguration(nullptr);
 }
 
-/// Several processes, let go at the same moment.
+TEST_F(CryptoTest, ConfigurationThatThrowsGivesNull) {
+  class Throwing final : public IConfiguration {
+  public:
+    std::wstring GetFrameworkDataDirectory() override { throw std::runtime_error("no data"); }
+
+    std::wstring GetUpdaterDataDir() override { return L""; }
+  };
+
+  Throwing configuration;
+  IConfiguration::SetConfiguration(&configuration);
+  EXPECT_EQ(nullptr, makeEncryption());
+  IConfiguration::SetConfiguration(nullptr);
+}
+
+#ifdef __linux__
+
+enum class Making { done, refused, notPossible };
+
+/// What comes of an encryption object while fsync(2) fails: of all files, or of
+/// the one opened after so many others.
+Making makeWithoutFlush(std::optional<int> opened = std::nullopt) {
+  ChildResult const result = runInChild([&] {
+    Fault fault{"fsync", {SYS_fsync}, failsWith(EIO)};
+    int const next = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    ::close(next);
+    if (opened) fault.argument = Argument{0, next + *opened};
+    bool const isPossible = inject(fault);
+    bool const isMade = isPossible && makeEncryption() != nullptr;
+    ::_exit(static_cast<int>(!isPossible ? Making::notPossible
+                             : isMade    ? Making::done
+                                         : Making::refused));
+  });
+  return static_cast<Making>(WEXITSTATUS(result.status));
+}
+
+TEST_F(CryptoTest, NewKeyIsFlushedBeforeItHasItsName) {
+  Making const making = makeWithoutFlush();
+  if (making == Making::notPossible) GTEST_SKIP() << kNotInjected;
+  EXPECT_EQ(Making::refused, making);
+  EXPECT_EQ(std::set<std::string>{}, entriesOf(keyFolder()));
+}
+
+TEST_F(CryptoTest, NameOfANewKeyIsFlushedBeforeItIsUsed) {
+  constexpr int kFolder = 1;  // opened after the key
+  Making const making = makeWithoutFlush(kFolder);
+  if (making == Making::notPossible) GTEST_SKIP() << kNotInjected;
+  EXPECT_EQ(Making::refused, making);
+  EXPECT_EQ(std::set<std::string>{"type3.key"}, entriesOf(keyFolder()));
+}
+
+TEST_F(CryptoTest, NameIsFlushedBeforeUseWhereItsMakerMayNotHaveDoneSo) {
+  makeKeyFile();
+  Making const making = makeWithoutFlush();
+  if (making == Making::notPossible) GTEST_SKIP() << kNotInjected;
+  EXPECT_EQ(Making::done, making);
+  fs::create_hard_link(keyFile(), keyFile() + ".abcdef");
+  EXPECT_EQ(Making::refused, makeWithoutFlush());
+}
+
+TEST_F(CryptoTest, KeyOfRootIsTakenByAnotherUserWhoMayReadIt) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can hand on capabilities";
+  constexpr uid_t kUser = 54321;
+  makeKeyFile();
+  ChildResult const result = runInChild([] {
+    __user_cap_header_struct header{.version = _LINUX_CAPABILITY_VERSION_3, .pid = 0};
+    std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> sets{};
+    sets[0].permitted = sets[0].effective = 1U << CAP_DAC_OVERRIDE;
+    ASSERT_EQ(0, ::prctl(PR_SET_KEEPCAPS, 1, 0, 0, 0));
+    ASSERT_EQ(0, ::setuid(kUser));
+    ASSERT_EQ(0, ::syscall(SYS_capset, &header, sets.data()));
+    EXPECT_NE(nullptr, makeEncryption());
+  });
+  EXPECT_EQ(0, result.status) << result.standardError;
+}
+
+#endif
+
+/// Several processes, let go at the same moment. Each appends what it has
+/// encrypted to the file `results`.
 class Starters {
 public:
-  explicit Starters(int count) {
+  Starters(int count, std::string const& results) {
     std::array<int, 2> start{};
     EXPECT_EQ(0, ::pipe(start.data()));
     std::fflush(stdout);
@@ -408,15 +510,7 @@ public:
       if (child == 0) {
         ::close(start[1]);
         readToEnd(start[0]);  // until the parent closes its end
-        Encryption const object = makeEncryption();
-        Bytes out("");
-        bool const isGood = object != nullptr && object->encrypt(Bytes("text"), out) != 0;
-        // Each appends what it encrypted: one write(2).
-        int const results = ::open(std::getenv("VRX_RESULTS"), O_WRONLY | O_APPEND);
-        std::string const& text = out.cpp_str();
-        bool const isWritten =
-            ::write(results, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-        ::_exit(isGood && isWritten ? 0 : 1);
+        ::_exit(appendEncrypted(results) ? 0 : 1);
       }
       processes_.push_back(child);
     }
@@ -432,6 +526,12 @@ public:
   }
 
 private:
+  static bool appendEncrypted(std::string const& results) {
+    std::string const text = encrypted("text");
+    int const file = ::open(results.c_str(), O_WRONLY | O_APPEND);
+    return ::write(file, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  }
+
   std::vector<pid_t> processes_;
 };
 
@@ -439,11 +539,10 @@ TEST_F(CryptoTest, ProcessesThatStartAtOnceEndWithOneKey) {
   constexpr int kProcesses = 6;
   constexpr int kRounds = 60;
   constexpr std::size_t kTextSize = kHeaderSize + 4 + kTagSize;
-  ::setenv("VRX_RESULTS", other().c_str(), 1);
   for (int round = 0; round < kRounds; ++round) {
     fs::remove_all(data());
     makeFile(other(), "");
-    EXPECT_EQ(0, Starters(kProcesses).join());
+    EXPECT_EQ(0, Starters(kProcesses, other()).join());
     std::string const texts = fileBytes(other());
     ASSERT_EQ(kProcesses * kTextSize, texts.size());
     for (std::size_t start = 0; start < texts.size(); start += kTextSize) {
@@ -451,7 +550,6 @@ TEST_F(CryptoTest, ProcessesThatStartAtOnceEndWithOneKey) {
     }
     EXPECT_EQ(std::set<std::string>{"type3.key"}, entriesOf(keyFolder()));
   }
-  ::unsetenv("VRX_RESULTS");
 }
 
 TEST_F(CryptoTest, ThreadsThatStartAtOnceEndWithOneKey) {
@@ -459,6 +557,7 @@ TEST_F(CryptoTest, ThreadsThatStartAtOnceEndWithOneKey) {
     fs::remove_all(data());
     std::array<std::string, 4> texts;
     std::vector<std::thread> threads;
+    threads.reserve(texts.size());
     for (std::string& text : texts) threads.emplace_back([&text] { text = encrypted("text"); });
     for (std::thread& thread : threads) thread.join();
     for (std::string const& text : texts) EXPECT_EQ("text", decrypted(text));

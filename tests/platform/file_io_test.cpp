@@ -1,5 +1,7 @@
 #include "platform/common/file_io.h"
 
+#include "tests/platform/child_process.h"
+#include "tests/platform/system_call_fault.h"
 #include "tests/support/locale_scope.h"
 #include "tests/support/temporary_folder.h"
 
@@ -8,7 +10,6 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <bit>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
@@ -33,11 +34,8 @@
 #include <unistd.h>
 
 #ifdef __linux__
-#include <linux/filter.h>
-#include <linux/seccomp.h>
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/prctl.h>
 #include <sys/syscall.h>
 #endif
 
@@ -129,14 +127,9 @@ ChildResult runInChild(std::function<std::string()> const& work) {
     ::_exit(size == static_cast<ssize_t>(result.size()) ? 0 : 1);
   }
   ::close(ends[1]);
-  ChildResult result{-1, ""};
-  std::array<char, 4096> buffer{};
-  ssize_t size = 0;
-  while ((size = ::read(ends[0], buffer.data(), buffer.size())) > 0) {
-    result.told.append(buffer.data(), static_cast<std::size_t>(size));
-  }
+  ChildResult result{-1, test::readToEnd(ends[0])};
   ::close(ends[0]);
-  ::waitpid(child, &result.status, 0);
+  result.status = test::waitFor(child);
   return result;
 }
 
@@ -237,6 +230,22 @@ TEST(WideMessageTest, ReplacesBytesThatMeanNothing) {
   EXPECT_EQ(wideMessage("a\xFFz"), L"a\uFFFDz");
   EXPECT_EQ(wideMessage("a\xE2\x82"), L"a\uFFFD\uFFFD");
   EXPECT_EQ(wideMessage("\xE2z\xC3\xA9"), L"\uFFFDz\u00E9");
+}
+
+TEST(WideFileNameTest, NarrowsToTheSameBytesWhereTheyAreText) {
+  LocaleScope const locale("C.UTF-8");
+  std::string const name = "/a \xC3\xA9\xF0\x9F\x98\x80";
+  EXPECT_EQ(wideFileName(name), L"/a \u00E9\U0001F600");
+  EXPECT_EQ(narrowFileName(wideFileName(name)), name);
+  EXPECT_EQ(wideFileName(""), L"");
+}
+
+TEST(WideFileNameTest, BytesThatMeanNothingMakeANameThatIsRefused) {
+  LocaleScope const locale("C.UTF-8");
+  EXPECT_EQ(wideFileName("a\xFFz"), (std::wstring{L'a', static_cast<wchar_t>(0xDCFF), L'z'}));
+  EXPECT_EQ(wideFileName("\xE2\x82"),
+            (std::wstring{static_cast<wchar_t>(0xDCE2), static_cast<wchar_t>(0xDC82)}));
+  EXPECT_EQ(narrowFileName(wideFileName("a\xFFz")), std::nullopt);
 }
 
 TEST(ReadFileTest, ReadsAllBytesOfAllSizes) {
@@ -821,60 +830,11 @@ TEST(ReplaceFileTest, DescriptorsAreClosed) {
 
 #ifdef __linux__
 
-/// The value of an argument of a call.
-struct Argument {
-  std::size_t index;
-  int value;
-};
-
-/// What the kernel does with a call.
-struct Fault {
-  char const* name;
-  std::vector<long> calls;             // the numbers that the C library may use for it
-  std::uint32_t action;                // of seccomp(2)
-  std::optional<Argument> argument{};  // only calls that have this one
-};
-
-sock_filter load(std::size_t offset) {
-  return BPF_STMT(BPF_LD | BPF_W | BPF_ABS, static_cast<std::uint32_t>(offset));
-}
-
-sock_filter skipUnless(std::uint32_t value, std::uint8_t count) {
-  return BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, value, 0, count);
-}
-
-sock_filter answer(std::uint32_t action) { return BPF_STMT(BPF_RET | BPF_K, action); }
-
-/// Where the low half of an argument is.
-constexpr std::size_t offsetOf(std::size_t argument) {
-  return offsetof(seccomp_data, args) + argument * sizeof(std::uint64_t) +
-         (std::endian::native == std::endian::big ? sizeof(std::uint32_t) : 0);
-}
-
-/// From now on the calls of `fault` meet its action. False where the host does
-/// not allow that.
-bool inject(Fault const& fault) {
-  std::vector<sock_filter> program;
-  for (long const call : fault.calls) {
-    program.push_back(load(offsetof(seccomp_data, nr)));
-    program.push_back(skipUnless(static_cast<std::uint32_t>(call), fault.argument ? 3 : 1));
-    if (fault.argument) {
-      program.push_back(load(offsetOf(fault.argument->index)));
-      program.push_back(skipUnless(static_cast<std::uint32_t>(fault.argument->value), 1));
-    }
-    program.push_back(answer(fault.action));
-  }
-  program.push_back(answer(SECCOMP_RET_ALLOW));
-  sock_fprog const filter{static_cast<unsigned short>(program.size()), program.data()};
-  return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
-         ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter, 0, 0) == 0;
-}
-
-constexpr char kNotInjected[] = "the host does not allow system call filters";
-
-constexpr std::uint32_t failsWith(int number) {
-  return SECCOMP_RET_ERRNO | static_cast<std::uint32_t>(number);
-}
+using test::Argument;
+using test::failsWith;
+using test::Fault;
+using test::inject;
+using test::kNotInjected;
 
 std::vector<long> const& renameCalls() {
   static std::vector<long> const calls{
@@ -1033,6 +993,45 @@ TEST(ReplaceFileFaultTest, ModeThatNeedsNoChangeIsNotChanged) {
   if (result.told == kNotInjected) GTEST_SKIP() << kNotInjected;
   EXPECT_EQ(result.told, "success");
   EXPECT_EQ(fileBytes(path), "new");
+}
+
+TEST(ReplaceFileFaultTest, OwnerThatNeedsNoChangeIsNotChanged) {
+  TemporaryFolder const folder;
+  std::string const path = folder / "file";
+  makeFile(path, "old");
+  ChildResult const result = runInChild([&]() -> std::string {
+    if (!inject({"chown", {SYS_fchown}, failsWith(EIO)})) return kNotInjected;
+    return told(replaceFile(path, "new"));
+  });
+  if (result.told == kNotInjected) GTEST_SKIP() << kNotInjected;
+  EXPECT_EQ(result.told, "success");
+  EXPECT_EQ(fileBytes(path), "new");
+}
+
+TEST(ReplaceFileFaultTest, CloseThatIsInterruptedHasClosed) {
+  TemporaryFolder const folder;
+  std::string const path = folder / "file";
+  ChildResult const result = runInChild([&]() -> std::string {
+    if (!inject({"close", {SYS_close}, failsWith(EINTR)})) return kNotInjected;
+    return told(replaceFile(path, "new"));
+  });
+  if (result.told == kNotInjected) GTEST_SKIP() << kNotInjected;
+  EXPECT_EQ(result.told, "success");
+  EXPECT_EQ(fileBytes(path), "new");
+}
+
+TEST(ReplaceFileFaultTest, NeighbourIsNeverAFileThatIsThereAlready) {
+  TemporaryFolder const folder;
+  std::string const path = folder / "file";
+  ChildResult const result = runInChild([&]() -> std::string {
+    // Only the opening that makes a file of its own fails.
+    Argument const flags{2, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC};
+    if (!inject({"open", {SYS_openat}, failsWith(EEXIST), flags})) return kNotInjected;
+    return told(replaceFile(path, "new"));
+  });
+  if (result.told == kNotInjected) GTEST_SKIP() << kNotInjected;
+  EXPECT_EQ(result.told, failure("create a temporary file beside", path, EEXIST));
+  EXPECT_EQ(namesIn(folder.path()), Names{});
 }
 
 bool writeTo(char const* path, std::string const& bytes) {

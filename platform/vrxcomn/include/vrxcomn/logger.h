@@ -29,7 +29,8 @@ public:
   /// Makes the logger ready to write; called once by each set-up of logging.
   virtual void start() = 0;
 
-  /// Connects the process to the log called `name`.
+  /// Connects the process to the log called `name`. The built-in logger takes "_"
+  /// for each "/" and control character, and for a "." at the start.
   virtual void attach(std::wstring const& name) = 0;
 
   /// Records below `level` are dropped from now on.
