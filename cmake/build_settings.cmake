@@ -32,14 +32,17 @@ endfunction()
 
 # A shared library that the project installs: everything hidden that export.h
 # does not export, and no undefined symbol left for the loader to find missing.
+# Its headers need C++17.
 function(vrxutil_library_settings target)
   vrxutil_target_settings(${target})
-  string(TOUPPER ${target} upper)
-  target_compile_definitions(${target} PRIVATE ${upper}_BUILDING)
+  target_compile_features(${target} PUBLIC cxx_std_17)
   set_target_properties(${target} PROPERTIES
     VERSION ${PROJECT_VERSION}
     SOVERSION ${PROJECT_VERSION_MAJOR})
   if(NOT APPLE AND NOT VRXUTIL_SANITIZE)
-    target_link_options(${target} PRIVATE -Wl,--no-undefined)
+    set(hidden_symbols "${PROJECT_SOURCE_DIR}/cmake/hidden_symbols.map")
+    target_link_options(${target} PRIVATE
+      -Wl,--no-undefined "-Wl,--version-script=${hidden_symbols}")
+    set_target_properties(${target} PROPERTIES LINK_DEPENDS "${hidden_symbols}")
   endif()
 endfunction()

@@ -6,8 +6,9 @@ set(package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/vrxutil")
 
 install(TARGETS vrxutil vrxcomn EXPORT vrxutilTargets
   LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}")
-install(DIRECTORY include/vrxutil DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
-install(DIRECTORY platform/vrxcomn/include/vrxcomn DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
+install(DIRECTORY include/vrxutil platform/vrxcomn/include/vrxcomn
+  DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}"
+  FILES_MATCHING PATTERN "*.h")
 
 install(EXPORT vrxutilTargets NAMESPACE vrxutil:: DESTINATION "${package_dir}")
 configure_package_config_file(cmake/vrxutilConfig.cmake.in vrxutilConfig.cmake
@@ -19,6 +20,10 @@ install(FILES
   DESTINATION "${package_dir}")
 
 # Relative, so that the installed tree can be moved.
+if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}" OR IS_ABSOLUTE "${CMAKE_INSTALL_INCLUDEDIR}")
+  message(FATAL_ERROR
+    "CMAKE_INSTALL_LIBDIR and CMAKE_INSTALL_INCLUDEDIR must be relative to the prefix")
+endif()
 file(RELATIVE_PATH pc_to_prefix "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
 string(REGEX REPLACE "/$" "" pc_to_prefix "${pc_to_prefix}")
 configure_file(cmake/vrxutil.pc.in vrxutil.pc @ONLY)

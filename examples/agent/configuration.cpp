@@ -44,7 +44,7 @@ bool Configuration::save() { return writeEncrypted(document_, fileName_); }
 
 AString Configuration::folder() const {
   AString folder;
-  if (!splitPath(fileName_, &folder, nullptr)) return AString();
+  if (!splitPath(fileName_, &folder, nullptr)) return {};
   if (folder.size() == 0) folder = L"/";
   return folder;
 }

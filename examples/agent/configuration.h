@@ -6,7 +6,8 @@
 //           status="done" result="crc32 cbf43926, 9 bytes, unchanged"/>
 //   </agent>
 //
-// A plain file is readable too; it is encrypted when it is written back.
+// tasks.h has the types of tasks. A task without enabled="true" is left alone. A
+// plain file is readable too; it is encrypted when it is written back.
 
 #pragma once
 
@@ -24,9 +25,7 @@ public:
   /// Replaces the file, encrypted.
   bool save();
 
-  AnXmlNode root() { return AnXmlNode(&document_); }
-
-  AString const& fileName() const { return fileName_; }
+  AnXmlNode root() { return &document_; }
 
   /// The folder of the file; relative paths in tasks start there.
   AString folder() const;

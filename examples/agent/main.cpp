@@ -4,10 +4,12 @@
 //   agent CONFIG                 carries out the enabled tasks, keeps what became of
 //                                them in the file, and prints a summary
 //   agent --make-config CONFIG   writes a configuration to begin with
+//   agent --help                 prints these three lines
 //
 // The log is agent.log in the folder `log` of the agent's data folder; it says
 // why something failed. Exit status: 0 when all is well, 1 when a task failed or
-// the file could not be written back, 2 when the configuration was refused.
+// the file could not be written back, 2 when the arguments or the configuration
+// were refused and nothing has been done.
 
 #include "examples/agent/configuration.h"
 #include "examples/agent/tasks.h"
@@ -33,6 +35,10 @@ using agent::Outcome;
 enum ExitStatus { allDone = 0, taskFailed = 1, refused = 2 };
 
 constexpr wchar_t kGroup[] = L"Agent";
+constexpr wchar_t kUsage[] =
+    L"usage: agent CONFIG\n"
+    L"       agent --make-config CONFIG\n"
+    L"       agent --help";
 
 /// One line for people, in the encoding of the locale.
 void print(std::FILE* stream, AString const& line) {
@@ -47,7 +53,7 @@ AString now() {
   ::gmtime_r(&seconds, &parts);
   char text[sizeof "2026-11-21T05:00:00Z"] = "";
   std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
-  return AString(text);
+  return text;
 }
 
 AString valueOr(AnXmlNode const& node, wchar_t const* name, wchar_t const* fallback) {
@@ -58,10 +64,10 @@ AString valueOr(AnXmlNode const& node, wchar_t const* name, wchar_t const* fallb
 
 /// One row of the summary.
 AString row(AString type, AString path, AString before, AString after, AString const& result) {
-  AString line(L"  ");
-  line << type.format(L"-", 10, -1) << path.format(L"-", 15, -1);
-  line << before.format(L"-", 10, -1) << after.format(L"-", 10, -1) << result;
-  return line;
+  AStringList cells(L" ", /*afterEach=*/false);
+  cells << L" " << type.format(L"-", 9, -1) << path.format(L"-", 14, -1);
+  cells << before.format(L"-", 9, -1) << after.format(L"-", 9, -1) << result;
+  return {cells};
 }
 
 /// Carries out the enabled tasks and notes in each what became of it.
@@ -139,11 +145,18 @@ ExitStatus makeConfiguration(AString const& fileName) {
 
 int run(int argumentCount, char** arguments) {
   ADetailTrace const trace(kGroup, L"run");
-  if (argumentCount == 3 && std::string_view(arguments[1]) == "--make-config") {
+  std::string_view const first = argumentCount > 1 ? arguments[1] : "";
+  if (argumentCount == 3 && first == "--make-config") {
     return makeConfiguration(AString(arguments[2]));
   }
-  if (argumentCount == 2) return runAgent(AString(arguments[1]));
-  print(stderr, L"usage: agent CONFIG\n       agent --make-config CONFIG");
+  if (argumentCount == 2 && first == "--help") {
+    print(stdout, kUsage);
+    return allDone;
+  }
+  if (argumentCount == 2 && !first.empty() && first[0] != '-') {
+    return runAgent(AString(arguments[1]));
+  }
+  print(stderr, kUsage);
   return refused;
 }
 

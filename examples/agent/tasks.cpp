@@ -38,12 +38,20 @@ bool getPath(AnXmlNode const& task, wchar_t const* name, AString const& folder, 
   return true;
 }
 
+/// Whether there is a name at all; AnXmlChildIndex takes the empty one for any.
+bool isNamed(AString const& elementName) {
+  if (elementName.size() > 0) return true;
+  logError(kGroup, L"the path of an element has an empty step");
+  return false;
+}
+
 /// Moves down by the names in `path`, parted by "/". A missing child is an error.
 bool descend(AnXmlNode* node, wchar_t const* path) {
   AStringParser names(path, L"/");
   while (!names.atEnd()) {
-    if (!node->getChildMove(/*required=*/true, names.get(nullptr), nullptr, nullptr, nullptr,
-                            nullptr)) {
+    AString const name = names.get(nullptr);
+    if (!isNamed(name) ||
+        !node->getChildMove(/*required=*/true, name, nullptr, nullptr, nullptr, nullptr)) {
       return false;
     }
   }
@@ -110,7 +118,7 @@ Outcome collect(AnXmlNode& task, AString const& folder) {
   AString name;
   parseInTwoFromRight(element, &parents, L"/", &name, /*wholeToLeft=*/false);
   AnXmlNode parent(&source);
-  if (!descend(&parent, parents)) return failed(L"the file has no such element");
+  if (!isNamed(name) || !descend(&parent, parents)) return failed(L"the file has no such element");
 
   AnXml report;
   if (!report.useNew(L"report", L"source", path)) return failed(L"no report");

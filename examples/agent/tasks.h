@@ -6,12 +6,13 @@
 //   collect   path element [where] report   copies the elements of an XML file into
 //                                           another; where="NAME=VALUE" takes those
 //                                           with that attribute, "NAME" with any
-//   set       path element values           sets attributes, "NAME=VALUE, ...", in a
-//                                           plain XML file
+//   set       path element values           sets attributes, "NAME=VALUE, ...", in an
+//                                           XML file, which is written plain
 //   encrypt   path output                   writes an encrypted copy
 //
 // `element` is a path from the root, "software/package"; each step but the last
-// of collect takes the first child of that name.
+// of collect takes the first child of that name. The empty path is the root
+// itself; collect needs a name.
 
 #pragma once
 

@@ -8,6 +8,9 @@
 #include <cstdio>
 #include <memory>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 namespace agent {
 
 namespace {
@@ -24,15 +27,27 @@ using File = std::unique_ptr<std::FILE, CloseFile>;
 
 /// The system call at work and its file, as one trace text.
 AString traceText(wchar_t const* call, wchar_t const* fileName) {
-  return AString(AStringList(L",", /*afterEach=*/false) << call << fileName);
+  return {AStringList(L",", /*afterEach=*/false) << call << fileName};
 }
 
-bool writeBytes(wchar_t const* fileName, ABuffer const& bytes) {
+bool mayBeReplaced(wchar_t const* fileName) {
+  ADetailTrace const trace(kGroup, traceText(L"lstat", fileName));
+  struct stat status;
+  if (::lstat(ACharString(fileName), &status) != 0) return !logErrnoIf(kGroup, errno != ENOENT);
+  if (S_ISREG(status.st_mode)) return true;
+  logError(kGroup, L"not a regular file");
+  return false;
+}
+
+/// Makes the file, which must not exist yet, and sees it to the disk.
+bool writeNewFile(wchar_t const* fileName, ABuffer const& bytes) {
   ADetailTrace const trace(kGroup, traceText(L"fwrite", fileName));
-  File const file(std::fopen(ACharString(fileName), "wb"));
+  File const file(std::fopen(ACharString(fileName), "wbx"));
   if (logErrnoIf(kGroup, file == nullptr)) return false;
-  bool const complete = std::fwrite(bytes.getBytes(), 1, bytes.size(), file.get()) == bytes.size();
-  return !logErrnoIf(kGroup, !complete || std::fflush(file.get()) != 0);
+  bool const complete =
+      std::fwrite(bytes.getBytes(), 1, bytes.size(), file.get()) == bytes.size() &&
+      std::fflush(file.get()) == 0 && ::fsync(::fileno(file.get())) == 0;
+  return !logErrnoIf(kGroup, !complete);
 }
 
 }  // namespace
@@ -51,9 +66,12 @@ bool readWholeFile(wchar_t const* fileName, ABuffer* bytes) {
 }
 
 bool writeWholeFile(wchar_t const* fileName, ABuffer const& bytes) {
-  AString const newName = AString(fileName) << L".new";
+  if (!mayBeReplaced(fileName)) return false;
+  // The process's number keeps two agents from writing the same neighbour.
+  AString const newName = AString(fileName) << L"." << static_cast<long>(::getpid()) << L".new";
   ACharString const newPath(newName);
-  if (writeBytes(newName, bytes)) {
+  static_cast<void>(std::remove(newPath));  // what a crash has left, if anything
+  if (writeNewFile(newName, bytes)) {
     ADetailTrace const trace(kGroup, traceText(L"rename", fileName));
     if (!logErrnoIf(kGroup, std::rename(newPath, ACharString(fileName)) != 0)) return true;
   }

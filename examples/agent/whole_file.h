@@ -11,8 +11,9 @@ namespace agent {
 /// Appends what the file holds to `bytes`. A file beyond 64 MiB is an error.
 bool readWholeFile(wchar_t const* fileName, ABuffer* bytes);
 
-/// Writes a temporary neighbour, NAME.new, and renames it over the file: after a
-/// failure the file is the old one.
+/// Writes a temporary neighbour and renames it over the file: after a failure,
+/// even a crash, the file is the old one. What is no regular file, as a device or
+/// a symbolic link, is not replaced: an error.
 bool writeWholeFile(wchar_t const* fileName, ABuffer const& bytes);
 
 }  // namespace agent

@@ -1,6 +1,7 @@
 // A program as a user of the installed package writes it: touches each family.
 
-#include <vrxcomn/configuration.h>
+#include "other.h"
+
 #include <vrxutil/binary.h>
 #include <vrxutil/file.h>
 #include <vrxutil/log.h>
@@ -24,6 +25,7 @@ int run(int /*argumentCount*/, char** /*arguments*/) {
   }
   AString const path = APath(AString(L"/tmp"), AString(L"a")) << AFormat(7, L"0", 3);
   ABuffer const buffer("abc");
+  if (!canReplaceServices()) return 3;
   std::printf("%s %s %lx\n", static_cast<char const*>(ACharString(task.asLogString())),
               static_cast<char const*>(ACharString(path)),
               static_cast<unsigned long>(Host2Be4(Host2Be4(0x12345678))) + buffer.size());

@@ -1,0 +1,441 @@
+// The sample agent as its user sees it: arguments, files, what it prints, its exit
+// status and its log. script/demo has the usual course of things; this has the rest.
+
+#include "tests/support/temporary_folder.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <ostream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+using vrxutil::test::fileBytes;
+using vrxutil::test::makeFile;
+using vrxutil::test::TemporaryFolder;
+
+using Lines = std::vector<std::string>;
+
+constexpr char kUsage[] =
+    "usage: agent CONFIG\n"
+    "       agent --make-config CONFIG\n"
+    "       agent --help\n";
+constexpr char kHeading[] = "  task      file           before    now       result\n";
+
+/// For a shell: larger files than of 8 KiB, 16 KiB in some shells, cannot be written.
+/// The log stays smaller.
+constexpr char kSmallFilesOnly[] = "trap '' XFSZ; ulimit -f 16;";
+
+struct Result {
+  int status;
+  std::string output;
+  std::string errors;
+};
+
+/// A folder for the agent to work in, with a data folder of its own.
+class AgentTest : public testing::Test {
+protected:
+  /// Runs the agent in the folder; `arguments` and `before` are text for a shell.
+  Result run(std::string const& arguments, std::string const& before = "") {
+    std::string const command = "cd '" + folder.path() + "' && { " + before + "\n VRX_DATA_DIR='" +
+                                data.path() + "' '" + AGENT_PROGRAM + "' " + arguments + "; } >'" +
+                                outputs / "out" + "' 2>'" + outputs / "err" + "'";
+    int const status = std::system(command.c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, fileBytes(outputs / "out"),
+            fileBytes(outputs / "err")};
+  }
+
+  /// Runs the agent on a configuration with these tasks.
+  Result runTasks(std::string const& tasks) {
+    makeFile(folder / "agent.xml", "<agent version=\"1\">" + tasks + "</agent>");
+    return run("agent.xml");
+  }
+
+  /// The log, without time, process and thread.
+  Lines log() const {
+    std::istringstream text(fileBytes(data / "log/agent.log"));
+    Lines lines;
+    for (std::string line; std::getline(text, line);) {
+      std::size_t const time = line.find(' ');
+      lines.push_back(line.substr(line.find(' ', time + 1) + 1));
+    }
+    return lines;
+  }
+
+  /// The message of the last error in the log.
+  std::string lastError() const {
+    std::string last;
+    for (std::string const& line : log()) {
+      if (line.rfind("error ", 0) == 0) last = line;
+    }
+    return last;
+  }
+
+  /// The names in the folder, in order.
+  Lines names() const {
+    Lines found;
+    for (auto const& entry : fs::directory_iterator(folder.path())) {
+      found.push_back(entry.path().filename().string());
+    }
+    std::sort(found.begin(), found.end());
+    return found;
+  }
+
+  TemporaryFolder folder;
+  TemporaryFolder data;
+  TemporaryFolder outputs;
+};
+
+/// What the agent prints at the first run of one task.
+std::string firstSummary(std::string const& row, std::string const& totals) {
+  return std::string("Last run: never\n") + kHeading + row + "\n" + totals + "\n";
+}
+
+struct WrongArguments {
+  char const* name;
+  char const* arguments;
+};
+
+void PrintTo(WrongArguments const& row, std::ostream* out) { *out << row.name; }
+
+class AgentArgumentsTest : public AgentTest, public testing::WithParamInterface<WrongArguments> {};
+
+TEST_P(AgentArgumentsTest, ShowTheUsage) {
+  Result const result = run(GetParam().arguments);
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.output, "");
+  EXPECT_EQ(result.errors, kUsage);
+  EXPECT_EQ(log(), Lines{"info [Log] Exit program"});
+  EXPECT_EQ(names(), Lines{});
+}
+
+INSTANTIATE_TEST_SUITE_P(Wrong, AgentArgumentsTest,
+                         testing::Values(WrongArguments{"None", ""}, WrongArguments{"Empty", "''"},
+                                         WrongArguments{"UnknownOption", "--verbose"},
+                                         WrongArguments{"OptionWithoutFile", "--make-config"},
+                                         WrongArguments{"TwoFiles", "a.xml b.xml"},
+                                         WrongArguments{"TooMany", "--make-config a.xml b.xml"}),
+                         testing::PrintToStringParamName());
+
+TEST_F(AgentTest, HelpGoesToStandardOutput) {
+  Result const result = run("--help");
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.output, kUsage);
+  EXPECT_EQ(result.errors, "");
+}
+
+struct RefusedFile {
+  char const* name;
+  char const* file;
+  char const* error;
+};
+
+void PrintTo(RefusedFile const& row, std::ostream* out) { *out << row.name; }
+
+class AgentRefusalTest : public AgentTest, public testing::WithParamInterface<RefusedFile> {};
+
+TEST_P(AgentRefusalTest, IsReportedAndLogged) {
+  fs::create_directory(folder / "folder.xml");
+  makeFile(folder / "empty.xml", "");
+  makeFile(folder / "version2.xml", "<agent version='2'/>");
+  makeFile(folder / "no-version.xml", "<agent/>");
+  std::string const file = GetParam().file;
+  Result const result = run(file);
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.output, "");
+  EXPECT_EQ(result.errors, "agent: configuration refused: " + file + " (see the log)\n");
+  EXPECT_EQ(lastError(), std::string("error ") + GetParam().error);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Refused, AgentRefusalTest,
+    testing::Values(
+        RefusedFile{"Missing", "missing.xml",
+                    "[Xml]   cannot open missing.xml: No such file or directory"},
+        RefusedFile{"Folder", "folder.xml", "[Xml]   cannot read folder.xml: Is a directory"},
+        RefusedFile{"Empty", "empty.xml", "[Xml]   Parse error line: 1 column: 1 no element found"},
+        RefusedFile{"WrongVersion", "version2.xml", "[Xml]   attribute value doesn't match: 2"},
+        RefusedFile{"NoVersion", "no-version.xml",
+                    "[XmlNode]   getValue: required attribute not found: version"}),
+    testing::PrintToStringParamName());
+
+TEST_F(AgentTest, NoTasksAreNoFailure) {
+  Result const result = runTasks("");
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.output,
+            std::string("Last run: never\n") + kHeading + "0 done, 0 failed, 0 disabled\n");
+  EXPECT_EQ(result.errors, "");
+  EXPECT_EQ(log(), Lines{"info [Log] Exit program"});
+}
+
+TEST_F(AgentTest, OtherElementsAreNoTasks) {
+  Result const result = runTasks("text<job type='checksum'/><!-- comment -->");
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.output,
+            std::string("Last run: never\n") + kHeading + "0 done, 0 failed, 0 disabled\n");
+}
+
+TEST_F(AgentTest, TaskIsDisabledUnlessItSaysOtherwise) {
+  Result const result = runTasks("<task type='checksum' path='agent.xml'/>");
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.output, firstSummary("  checksum  agent.xml      -         disabled  ",
+                                        "0 done, 0 failed, 1 disabled"));
+}
+
+struct FailingTask {
+  char const* name;
+  char const* attributes;
+  char const* type;
+  char const* path;
+  char const* result;
+  char const* error;
+};
+
+void PrintTo(FailingTask const& row, std::ostream* out) { *out << row.name; }
+
+class AgentFailureTest : public AgentTest, public testing::WithParamInterface<FailingTask> {};
+
+std::string padded(std::string text, std::size_t width) {
+  text.resize(std::max(text.size(), width), ' ');
+  return text + ' ';
+}
+
+TEST_P(AgentFailureTest, IsReportedLoggedAndChangesNoFile) {
+  FailingTask const& task = GetParam();
+  makeFile(folder / "host.xml", "<host><package/></host>");
+  Result const result = runTasks(std::string("<task enabled='true' ") + task.attributes + "/>");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.output, firstSummary("  " + padded(task.type, 9) + padded(task.path, 14) +
+                                            padded("-", 9) + padded("failed", 9) + task.result,
+                                        "0 done, 1 failed, 0 disabled"));
+  EXPECT_EQ(result.errors, "");
+  EXPECT_EQ(lastError(), std::string("error ") + task.error);
+  EXPECT_EQ(fileBytes(folder / "host.xml"), "<host><package/></host>");
+  EXPECT_EQ(names(), (Lines{"agent.xml", "host.xml"}));
+}
+
+constexpr char kNoFile[] = "the file cannot be read";
+constexpr char kNoElement[] = "the file has no such element";
+constexpr char kIncomplete[] = "the task is incomplete";
+
+INSTANTIATE_TEST_SUITE_P(
+    Failing, AgentFailureTest,
+    testing::Values(
+        FailingTask{"NoType", "path='host.xml'", "?", "host.xml", "the task has no type",
+                    "[XmlNode]   getValue: required attribute not found: type"},
+        FailingTask{"UnknownType", "type='dance' path='host.xml'", "dance", "host.xml",
+                    "unknown type of task: dance", "[Agent]   unknown type of task: dance"},
+        FailingTask{"ChecksumOfNothing", "type='checksum'", "checksum", "?", "the task has no path",
+                    "[XmlNode]   getValue: required attribute not found: path"},
+        FailingTask{"ChecksumOfMissingFile", "type='checksum' path='no.xml'", "checksum", "no.xml",
+                    kNoFile, "[Agent]   No such file or directory"},
+        FailingTask{"ChecksumOfFolder", "type='checksum' path='.'", "checksum", ".", kNoFile,
+                    "[Agent]   Is a directory"},
+        FailingTask{"ChecksumOfEndlessFile", "type='checksum' path='/dev/zero'", "checksum",
+                    "/dev/zero", kNoFile, "[Agent]   File too large"},
+        FailingTask{"CollectWithoutReport", "type='collect' path='host.xml' element='package'",
+                    "collect", "host.xml", kIncomplete,
+                    "[XmlNode]   getValue: required attribute not found: report"},
+        FailingTask{"CollectWithoutElement", "type='collect' path='host.xml' report='r'", "collect",
+                    "host.xml", kIncomplete,
+                    "[XmlNode]   getValue: required attribute not found: element"},
+        FailingTask{"CollectOfNoName", "type='collect' path='host.xml' element='' report='r'",
+                    "collect", "host.xml", kNoElement,
+                    "[Agent]   the path of an element has an empty step"},
+        FailingTask{"CollectBelowNoName",
+                    "type='collect' path='host.xml' element='package//x/y' report='r'", "collect",
+                    "host.xml", kNoElement, "[Agent]   the path of an element has an empty step"},
+        FailingTask{"CollectBelowMissingElement",
+                    "type='collect' path='host.xml' element='no/x' report='r'", "collect",
+                    "host.xml", kNoElement,
+                    "[XmlNode]   getChild: required child not found: no,(null),(null),(null)"},
+        FailingTask{"CollectIntoMissingFolder",
+                    "type='collect' path='host.xml' element='package' report='no/r'", "collect",
+                    "host.xml", "the report cannot be written",
+                    "[Xml]   Exception writing file: cannot open the folder of no/r: No such file "
+                    "or directory"},
+        FailingTask{"SetWithoutValues", "type='set' path='host.xml' element='package'", "set",
+                    "host.xml", kIncomplete,
+                    "[XmlNode]   getValue: required attribute not found: values"},
+        FailingTask{"SetInMissingElement", "type='set' path='host.xml' element='no' values='a=b'",
+                    "set", "host.xml", kNoElement,
+                    "[XmlNode]   getChild: required child not found: no,(null),(null),(null)"},
+        FailingTask{"SetWithoutName", "type='set' path='host.xml' element='package' values='=b'",
+                    "set", "host.xml", "a value has no name", "[Agent]   a value has no name"},
+        FailingTask{"SetOfImpossibleName",
+                    "type='set' path='host.xml' element='package' values='a b=c'", "set",
+                    "host.xml", "the file cannot be written",
+                    "[Xml]   Exception writing file: \"a b\" is no XML name"},
+        FailingTask{"EncryptWithoutOutput", "type='encrypt' path='host.xml'", "encrypt", "host.xml",
+                    kIncomplete, "[XmlNode]   getValue: required attribute not found: output"},
+        FailingTask{"EncryptIntoMissingFolder", "type='encrypt' path='host.xml' output='no/copy'",
+                    "encrypt", "host.xml", "the copy cannot be written",
+                    "[Agent]   No such file or directory"},
+        FailingTask{"EncryptIntoFolder", "type='encrypt' path='host.xml' output='.'", "encrypt",
+                    "host.xml", "the copy cannot be written", "[Agent]   not a regular file"},
+        FailingTask{"EncryptBelowFile", "type='encrypt' path='host.xml' output='host.xml/copy'",
+                    "encrypt", "host.xml", "the copy cannot be written",
+                    "[Agent]   Not a directory"}),
+    testing::PrintToStringParamName());
+
+TEST_F(AgentTest, FailureDoesNotKeepTheOtherTasksFromBeingDone) {
+  makeFile(folder / "nine", "123456789");
+  Result const result = runTasks(
+      "<task type='dance' enabled='true'/><task type='checksum' enabled='true' path='nine'/>");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.output,
+            firstSummary("  dance     ?              -         failed    unknown type of task: "
+                         "dance\n  checksum  nine           -         done      crc32 cbf43926, 9 "
+                         "bytes, seen for the first time",
+                         "1 done, 1 failed, 0 disabled"));
+}
+
+TEST_F(AgentTest, NextRunKnowsWhatFailed) {
+  runTasks("<task type='checksum' enabled='true' path='later'/>");
+  makeFile(folder / "later", "123456789");
+  Result const result = run("agent.xml");
+  EXPECT_EQ(result.status, 0);
+  std::string const row =
+      "  checksum  later          failed    done      crc32 cbf43926, 9 bytes, seen for the first "
+      "time\n";
+  EXPECT_NE(result.output.find(row), std::string::npos) << result.output;
+  EXPECT_EQ(result.output.find("never"), std::string::npos) << result.output;
+}
+
+TEST_F(AgentTest, LongNamesKeepTheColumnsApart) {
+  Result const result = runTasks("<task type='unheard-of-type' path='rather-long-name.xml'/>");
+  EXPECT_EQ(result.output,
+            firstSummary("  unheard-of-type rather-long-name.xml -         disabled  ",
+                         "0 done, 0 failed, 1 disabled"));
+}
+
+TEST_F(AgentTest, RelativePathsStartAtTheFolderOfTheConfiguration) {
+  fs::create_directories(folder / "site");
+  makeFile(folder / "site/nine", "123456789");
+  makeFile(folder / "site/agent.xml",
+           "<agent version='1'><task type='checksum' enabled='true' path='nine'/></agent>");
+  EXPECT_EQ(run("site/agent.xml").status, 0);
+  EXPECT_EQ(run("'" + folder.path() + "/site/agent.xml'").status, 0);
+  EXPECT_EQ(run("agent.xml", "cd site").status, 0);
+}
+
+TEST_F(AgentTest, AbsolutePathsAreTakenAsTheyAre) {
+  makeFile(outputs / "nine", "123456789");
+  Result const result =
+      runTasks("<task type='checksum' enabled='true' path='" + outputs / "nine" + "'/>");
+  EXPECT_EQ(result.status, 0);
+}
+
+TEST_F(AgentTest, EmptyElementPathIsTheRoot) {
+  makeFile(folder / "host.xml", "<host/>");
+  Result const result =
+      runTasks("<task type='set' enabled='true' path='host.xml' element='' values='a=b, c'/>");
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(fileBytes(folder / "host.xml"),
+            "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<host a=\"b\" c=\"\"/>\n");
+}
+
+TEST_F(AgentTest, CollectTakesElementsThatHaveTheAttribute) {
+  makeFile(folder / "host.xml",
+           "<host><p name='a' x='1'/><p name='b'/><q name='c' x='1'/><p x='2'/></host>");
+  Result const result = runTasks(
+      "<task type='collect' enabled='true' path='host.xml' element='p' where='x' report='r.xml'/>");
+  EXPECT_EQ(result.output, firstSummary("  collect   host.xml       -         done      2 of 3 "
+                                        "copied: a, ?",
+                                        "1 done, 0 failed, 0 disabled"));
+  EXPECT_EQ(fileBytes(folder / "r.xml"),
+            "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<report source=\"host.xml\">\n"
+            "  <p name=\"a\" x=\"1\"/>\n  <p x=\"2\"/>\n</report>\n");
+}
+
+TEST_F(AgentTest, EncryptedCopyReplacesTheOldOneAndLeavesNothingElse) {
+  makeFile(folder / "plain", "secret");
+  makeFile(folder / "copy", "old");
+  Result const result =
+      runTasks("<task type='encrypt' enabled='true' path='plain' output='copy'/>");
+  EXPECT_EQ(result.output, firstSummary("  encrypt   plain          -         done      6 bytes "
+                                        "sealed in 47",
+                                        "1 done, 0 failed, 0 disabled"));
+  EXPECT_EQ(fileBytes(folder / "copy").size(), 47U);
+  EXPECT_EQ(names(), (Lines{"agent.xml", "copy", "plain"}));
+}
+
+TEST_F(AgentTest, EncryptReplacesNeitherPipeNorLink) {
+  makeFile(folder / "plain", "secret");
+  ASSERT_EQ(::mkfifo((folder / "pipe").c_str(), 0600), 0);
+  fs::create_symlink("plain", folder / "link");
+  Result const result = runTasks(
+      "<task type='encrypt' enabled='true' path='plain' output='pipe'/>"
+      "<task type='encrypt' enabled='true' path='plain' output='link'/>");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_TRUE(fs::is_fifo(folder / "pipe"));
+  EXPECT_TRUE(fs::is_symlink(folder / "link"));
+  EXPECT_EQ(fileBytes(folder / "plain"), "secret");
+  EXPECT_EQ(names(), (Lines{"agent.xml", "link", "pipe", "plain"}));
+}
+
+TEST_F(AgentTest, EncryptedCopyThatCannotBeWrittenLeavesTheOldOne) {
+  makeFile(folder / "plain", std::string(20000, 'x'));
+  makeFile(folder / "copy", "old");
+  makeFile(folder / "agent.xml",
+           "<agent version='1'><task type='encrypt' enabled='true' path='plain' output='copy'/>"
+           "</agent>");
+  Result const result = run("agent.xml", kSmallFilesOnly);
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.output, firstSummary("  encrypt   plain          -         failed    the copy "
+                                        "cannot be written",
+                                        "0 done, 1 failed, 0 disabled"));
+  EXPECT_EQ(lastError(), "error [Agent]   File too large");
+  EXPECT_EQ(fileBytes(folder / "copy"), "old");
+  EXPECT_EQ(names(), (Lines{"agent.xml", "copy", "plain"}));
+}
+
+TEST_F(AgentTest, FileThatCannotBeWrittenBackStaysAsItIs) {
+  std::string const before = "<agent version=\"1\"><!--" + std::string(20000, 'x') + "--></agent>";
+  makeFile(folder / "agent.xml", before);
+  Result const result = run("agent.xml", kSmallFilesOnly);
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.output,
+            std::string("Last run: never\n") + kHeading + "0 done, 0 failed, 0 disabled\n");
+  EXPECT_EQ(result.errors, "agent: cannot write agent.xml (see the log)\n");
+  EXPECT_EQ(lastError(),
+            "error [Xml]   Exception writing file: cannot write agent.xml: File too large");
+  EXPECT_EQ(fileBytes(folder / "agent.xml"), before);
+  EXPECT_EQ(names(), Lines{"agent.xml"});
+}
+
+TEST_F(AgentTest, WithoutAKeyTheFileStaysAsItIs) {
+  makeFile(data / "keys", "a file in the folder's place");
+  Result const result = runTasks("");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.errors, "agent: cannot write agent.xml (see the log)\n");
+  EXPECT_EQ(fileBytes(folder / "agent.xml"), "<agent version=\"1\"></agent>");
+}
+
+TEST_F(AgentTest, MakeConfigDoesNotTouchWhatIsThere) {
+  makeFile(folder / "agent.xml", "mine");
+  Result const result = run("--make-config agent.xml");
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.errors, "agent: exists already: agent.xml\n");
+  EXPECT_EQ(fileBytes(folder / "agent.xml"), "mine");
+}
+
+TEST_F(AgentTest, MakeConfigNeedsTheFolder) {
+  Result const result = run("--make-config no/agent.xml");
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.errors, "agent: cannot write no/agent.xml (see the log)\n");
+  EXPECT_EQ(lastError(),
+            "error [Xml]   Exception writing file: cannot open the folder of no/agent.xml: No "
+            "such file or directory");
+}
+
+}  // namespace
