@@ -56,43 +56,26 @@ std::size_t narrowOne(wchar_t character, char* target, std::mbstate_t& state) {
   return 1;
 }
 
-/// Number of scalar values that `text` begins with, looked for up to a block's end.
-std::size_t scalarPrefix(std::wstring_view text) {
-  text = text.substr(0, kAsciiBlock);
-  if (text.size() == kAsciiBlock) {
-    bool allAre = true;
-    for (std::size_t i = 0; i < kAsciiBlock; ++i) allAre &= isScalarValue(text[i]);
-    if (allAre) return kAsciiBlock;
-  }
-  return static_cast<std::size_t>(std::ranges::find_if_not(text, isScalarValue) - text.begin());
-}
-
-constexpr std::size_t utf8Size(char32_t c) {
+constexpr std::size_t utf8Size(wchar_t c) {
   return std::size_t{1} + (c >= 0x80 ? 1 : 0) + (c >= 0x800 ? 1 : 0) + (c >= 0x10000 ? 1 : 0);
 }
 
-/// Writes a scalar value in UTF-8; returns the end.
-constexpr char* putUtf8(char32_t c, char* target) {
-  constexpr std::array<char32_t, kMaxUtf8Size + 1> kLeads{0, 0x00, 0xC0, 0xE0, 0xF0};  // by size
-  std::size_t const size = utf8Size(c);
-  std::size_t shift = 6 * (size - 1);
-  *target++ = static_cast<char>(kLeads[size] | c >> shift);
-  while (shift > 0) {
-    shift -= 6;
-    *target++ = static_cast<char>(0x80 | (c >> shift & 0x3F));
-  }
-  return target;
-}
-
-/// Counts the bytes of narrow text.
+/// Counts the bytes of narrow text. The add functions take as much of `text` as
+/// can be had their way, and return how much that was.
 class ByteCount {
 public:
   std::size_t bytes() const { return bytes_; }
 
-  void addAscii(std::wstring_view text) { bytes_ += text.size(); }
+  std::size_t addAscii(std::wstring_view text) {
+    std::size_t const size = asciiPrefix(text.data(), text.size());
+    bytes_ += size;
+    return size;
+  }
 
-  void addUtf8(std::wstring_view text) {
-    for (wchar_t const c : text) bytes_ += utf8Size(static_cast<char32_t>(c));
+  std::size_t addUtf8(std::wstring_view text) {
+    std::size_t read = addAscii(text);
+    for (; read < text.size() && isScalarValue(text[read]); ++read) bytes_ += utf8Size(text[read]);
+    return read;
   }
 
   void addOne(wchar_t c) { bytes_ += narrowOne(c, scratch_.data(), state_); }
@@ -103,20 +86,24 @@ private:
   std::array<char, MB_LEN_MAX> scratch_;
 };
 
-/// Writes narrow text to where there is room for it.
+/// Writes narrow text to where there is room for it, as ByteCount counts it.
 class ByteTarget {
 public:
   explicit ByteTarget(char* target) : end_(target) {}
 
   char* end() const { return end_; }
 
-  void addAscii(std::wstring_view text) {
-    copyAscii(text.data(), text.size(), end_);
-    end_ += text.size();
+  std::size_t addAscii(std::wstring_view text) {
+    std::size_t const size = asciiPrefix(text.data(), text.size());
+    copyAscii(text.data(), size, end_);
+    end_ += size;
+    return size;
   }
 
-  void addUtf8(std::wstring_view text) {
-    for (wchar_t const c : text) end_ = putUtf8(static_cast<char32_t>(c), end_);
+  std::size_t addUtf8(std::wstring_view text) {
+    Converted const converted = encodeUtf8(text, end_);
+    end_ += converted.written;
+    return converted.read;
   }
 
   void addOne(wchar_t c) { end_ += narrowOne(c, end_, state_); }
@@ -126,27 +113,18 @@ private:
   std::mbstate_t state_{};
 };
 
-/// Converts `text` from one stretch to the next, each by the shortest way that
-/// gives what the C library gives character by character. None of the shorter
+/// Converts `text`: stretches that have a shorter way by that, to the result that
+/// the C library has, the characters between them one by one. None of the shorter
 /// ways is taken in an encoding with shift states.
 template <class Output>
 void narrow(std::wstring_view text, Output& output) {
   Encoding const encoding = currentEncoding();
-  auto const take = [&text](std::size_t size) {
-    std::wstring_view const taken = text.substr(0, size);
-    text.remove_prefix(size);
-    return taken;
-  };
-  while (!text.empty()) {
-    if (encoding != Encoding::other) {
-      output.addAscii(take(asciiPrefix(text.data(), text.size())));
-    }
-    std::size_t const scalars = encoding == Encoding::utf8 ? scalarPrefix(text) : 0;
-    if (scalars > 0) {
-      output.addUtf8(take(scalars));
-    } else if (!text.empty()) {
-      output.addOne(take(1).front());
-    }
+  while (true) {
+    if (encoding == Encoding::utf8) text.remove_prefix(output.addUtf8(text));
+    if (encoding == Encoding::asciiBelow) text.remove_prefix(output.addAscii(text));
+    if (text.empty()) return;
+    output.addOne(text.front());
+    text.remove_prefix(1);
   }
 }
 

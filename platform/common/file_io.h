@@ -1,7 +1,7 @@
 // Whole files: reading, and replacing so that a crash leaves the old one or the
 // new one.
 //
-// The platform libraries' own; not installed. Nothing is logged: a failure is a
+// Internal; not installed. Nothing is logged: a failure is a
 // value that says which call failed on what. Only std::bad_alloc is thrown.
 // Threads: all functions may run anywhere, on the same file too; of several that
 // replace a file at once one wins, and no reader sees a mixture.

@@ -1,7 +1,7 @@
 // UTF-8 (RFC 3629) to and from 32-bit wide text. ASCII runs go through loops
 // that the compiler turns into vector code.
 //
-// The platform libraries' own; not installed.
+// Internal; not installed.
 // Errors: a conversion stops at what it cannot convert and says where; only
 // std::bad_alloc is thrown. Input is never read beyond its end.
 
