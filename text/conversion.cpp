@@ -147,7 +147,7 @@ std::size_t widen(char const* text, wchar_t* target, std::size_t count) {
 }
 
 bool pointsInto(std::wstring const& owner, wchar_t const* text) {
-  std::less_equal<wchar_t const*> const notAfter;
+  std::less_equal<> const notAfter;
   return notAfter(owner.data(), text) && notAfter(text, owner.data() + owner.size());
 }
 

@@ -89,6 +89,7 @@ std::string contents(ABuffer const& buffer) {
   return {reinterpret_cast<char const*>(buffer.getBytes()), buffer.size()};
 }
 
+// NOLINTNEXTLINE(modernize-return-braced-init-list): braces would list two characters
 std::string zeros(std::size_t count) { return std::string(count, '\0'); }
 
 // Bytes that differ from their neighbours.

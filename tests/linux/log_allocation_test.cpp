@@ -1,6 +1,7 @@
 // What logging and tracing take from the free store, seen by an operator new of
 // this program's own.
 
+#include "tests/linux/key_rounds.h"
 #include "tests/support/log_recorder.h"
 
 #include <vrxutil/log.h>
@@ -21,7 +22,6 @@
 #include <thread>
 #include <vector>
 
-#include <limits.h>
 #include <pthread.h>
 
 namespace {
@@ -425,7 +425,7 @@ TEST(LogAllocationTest, EndedThreadsLeaveNothing) {
       {"logs and leaves a scope", [] { new ADetailTrace(kGroup, kMessage); }},
       {"logs to the end of its keys",
        [] {
-         static thread_local constinit int rounds = PTHREAD_DESTRUCTOR_ITERATIONS;
+         static thread_local constinit int rounds = kKeyRounds;
          pthread_setspecific(lastRecordsKey, &rounds);
        }},
       {"leaves a scope that logs nothing",

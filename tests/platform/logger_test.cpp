@@ -19,6 +19,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
+#include <latch>
 #include <map>
 #include <new>
 #include <numeric>
@@ -1090,11 +1091,13 @@ TEST_F(LoggerTest, ChildOfAProcessWithSeveralThreadsLogs) {
   constexpr int kRecords = 5000;  // of all threads they fit into one file
   ChildResult const result = run([] {
     attach(L"agent");
+    std::latch everyChildIsGone(1);
     std::vector<std::thread> threads;
     threads.reserve(kThreads);
     for (int thread = 0; thread < kThreads; ++thread) {
-      threads.emplace_back([] {
+      threads.emplace_back([&everyChildIsGone] {
         for (int i = 0; i < kRecords; ++i) log(LogLevel::info, L"Thread", L"x");
+        everyChildIsGone.wait();  // ended but not joined, it would be a leak in the children
       });
     }
     for (int i = 0; i < kChildren; ++i) {
@@ -1106,6 +1109,7 @@ TEST_F(LoggerTest, ChildOfAProcessWithSeveralThreadsLogs) {
       }
       EXPECT_EQ(0, waitFor(child));
     }
+    everyChildIsGone.count_down();
     for (std::thread& thread : threads) thread.join();
   });
   expectSuccess(result);

@@ -90,7 +90,7 @@ ReadUtf8 readUtf8(std::wstring const& fileName, Callback decode = nullptr) {
 std::wstring readFailure(std::wstring const& fileName, Callback decode = nullptr,
                          long result = -1) {
   EXPECT_EQ(readWide(fileName, decode).result, result);
-  std::wstring const message = GetLastXmlErrorMessage();
+  std::wstring message = GetLastXmlErrorMessage();
   EXPECT_EQ(readUtf8(fileName, decode).result, result);
   EXPECT_EQ(GetLastXmlErrorMessage(), message);
   return message;
@@ -600,7 +600,8 @@ TEST(XmlConvertTest, OnlyUtf8CanBeAskedFor) {
     EXPECT_EQ(ConvertBufferToUnicode("x", 1, text, encoding), -1);
     EXPECT_EQ(text, L"before");
     EXPECT_STREQ(GetLastXmlErrorMessage(), L"UTF-8 is the only encoding that can be asked for");
-    ConvertBufferToUnicode("\xFF", 1, text, encoding = UTF_8);
+    UTF_ENCODINGS good = UTF_8;
+    ConvertBufferToUnicode("\xFF", 1, text, good);
     encoding = asked;
     std::string utf8 = "before";
     EXPECT_FALSE(ConvertBufferToUtf8(L"x", utf8, encoding));

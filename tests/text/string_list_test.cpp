@@ -126,7 +126,8 @@ TEST(AStringListTest, ItemMayBeTheListsOwnText) {
     std::wstring expected = read(list);
     for (int round = 0; round < 5; ++round) {
       list << static_cast<wchar_t const*>(list);
-      expected = afterEach ? expected + expected + L"--" : expected + L"--" + expected;
+      std::wstring const item = expected;
+      expected.append(afterEach ? item : L"--").append(afterEach ? L"--" : item);
       ASSERT_EQ(read(list), expected);
     }
   }

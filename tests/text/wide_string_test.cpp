@@ -301,7 +301,7 @@ TEST(AStringTest, SmallerIntegersReadAsInts) {
 
 TEST(AStringTest, EqualityOfTwoObjectsComparesAddresses) {
   AString const a(L"same text");
-  AString const b(a);
+  AString const b(L"same text");
   AString const& alsoA = a;
   EXPECT_FALSE(a == b);
   EXPECT_TRUE(a == alsoA);
@@ -616,7 +616,8 @@ TEST(AStringFindAndReplaceTest, ReplacesAMillionOccurrences) {
 TEST(AStringFindAndReplaceTest, SearchesPeriodicTextsWithoutHits) {
   std::wstring const before(1U << 22U, L'a');
   std::wstring const run(1U << 20U, L'a');
-  for (std::wstring const& find : {run + L"b", L"b" + run, run + L"b" + run}) {
+  for (std::wstring const& find :
+       {run + L"b", L"b" + run, std::wstring(run).append(L"b").append(run)}) {
     AString text(before);
     text.findAndReplace(AString(find), L"x");
     EXPECT_TRUE(text.const_cpp_str() == before);

@@ -59,7 +59,7 @@ inline void runWithinMemory(long limitInMiB, std::function<void()> const& body) 
 
 /// Runs `body` in a thread whose stack holds no recursion into a deep tree.
 inline void runOnSmallStack(std::function<void()> body) {
-  constexpr std::size_t kStackInBytes = 512 * 1024;
+  constexpr std::size_t kStackInBytes = std::size_t{512} * 1024;
   pthread_attr_t attributes;
   ASSERT_EQ(::pthread_attr_init(&attributes), 0);
   ASSERT_EQ(::pthread_attr_setstacksize(&attributes, kStackInBytes), 0);

@@ -230,7 +230,7 @@ TEST_F(AnXmlWritingTest, NullNameIsTheNameThatNullTextReadsAs) {
 TEST_F(AnXmlWritingTest, FailureHalfwayLeavesTheOldFile) {
   makeFile(path_, "old");
   runInChild([&] {
-    constexpr rlim_t kLimitInBytes = 64 * 1024;
+    constexpr rlim_t kLimitInBytes = 65536;
     std::signal(SIGXFSZ, SIG_IGN);
     rlimit const limit{kLimitInBytes, kLimitInBytes};
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);

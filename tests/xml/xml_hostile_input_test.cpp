@@ -377,7 +377,7 @@ TEST_F(HostileFileTest, ManySmallNodesLoad) {
 }
 
 TEST_F(HostileFileTest, BigDefaultAttributeOnManyElementsIsAParseError) {
-  make(withDeclarations("<!ATTLIST b c CDATA \"" + std::string(64 * 1024, 'x') + "\">",
+  make(withDeclarations("<!ATTLIST b c CDATA \"" + std::string(65536, 'x') + "\">",
                         "<a>" + repeated("<b/>", 100000) + "</a>"));
   expectParseErrorInBoundedMemory();
 }

@@ -87,6 +87,7 @@ inline std::vector<LogRecord> errorInScopes(std::wstring const& group,
 /// The detail records of scopes under "Xml" that were opened in this order.
 inline std::vector<LogRecord> openedScopes(std::vector<std::wstring> const& scopes) {
   std::vector<LogRecord> records;
+  records.reserve(scopes.size());
   for (std::wstring const& scope : scopes) records.push_back(detailRecord(L"Xml", scope));
   return records;
 }

@@ -380,6 +380,7 @@ private:
 class VRXCOMN_EXPORT Parser {
 public:
   Parser();
+  // NOLINTNEXTLINE(performance-trivially-destructible): part of the binary interface
   ~Parser();
   Parser(Parser const&) = delete;
   Parser& operator=(Parser const&) = delete;
