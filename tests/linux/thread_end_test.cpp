@@ -785,7 +785,7 @@ public:
 // Starts a thread that logs, and waits until it has. The thread is born detached:
 // where the process ends before it is joined, ThreadSanitizer sees a leak.
 void startShortThread() {
-  std::binary_semaphore hasLogged(0);
+  thread_local std::binary_semaphore hasLogged(0);  // outlives release()
   pthread_attr_t attributes;
   pthread_attr_init(&attributes);
   pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);

@@ -2,6 +2,7 @@
 #include "tests/platform/system_call_fault.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/temporary_folder.h"
+#include "tests/support/umask_scope.h"
 
 #include <vrxcomn/configuration.h>
 #include <vrxcomn/crypto.h>
@@ -261,9 +262,8 @@ TEST_F(CryptoTest, NothingIsLogged) {
 // --- The key ----------------------------------------------------------------
 
 TEST_F(CryptoTest, KeyIsMadeAtFirstUseForItsOwnerOnly) {
-  mode_t const before = ::umask(0);
+  UmaskScope const umask(0);
   Encryption const object = makeEncryption();
-  ::umask(before);
   ASSERT_NE(nullptr, object);
   EXPECT_EQ(mode_t{0750}, modeOf(data()));
   EXPECT_EQ(mode_t{0700}, modeOf(keyFolder()));

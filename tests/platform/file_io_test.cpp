@@ -4,6 +4,7 @@
 #include "tests/platform/system_call_fault.h"
 #include "tests/support/locale_scope.h"
 #include "tests/support/temporary_folder.h"
+#include "tests/support/umask_scope.h"
 
 #include <gtest/gtest.h>
 
@@ -48,6 +49,7 @@ using test::fileBytes;
 using test::LocaleScope;
 using test::makeFile;
 using test::TemporaryFolder;
+using test::UmaskScope;
 
 constexpr std::size_t kNoLimit = 1 << 30;
 constexpr uid_t kOtherUser = 12345;
@@ -98,19 +100,6 @@ std::string pattern(std::size_t size) {
   for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>(i * 31 >> 3);
   return bytes;
 }
-
-class UmaskScope {
-public:
-  explicit UmaskScope(mode_t mask) : before_(::umask(mask)) {}
-
-  ~UmaskScope() { ::umask(before_); }
-
-  UmaskScope(UmaskScope const&) = delete;
-  UmaskScope& operator=(UmaskScope const&) = delete;
-
-private:
-  mode_t before_;
-};
 
 struct ChildResult {
   int status;        // as waitpid gives it

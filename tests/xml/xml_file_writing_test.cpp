@@ -1,6 +1,7 @@
 #include "tests/support/locale_scope.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/temporary_folder.h"
+#include "tests/support/umask_scope.h"
 #include "tests/xml/encodings.h"
 #include "tests/xml/process_support.h"
 #include "tests/xml/xml_support.h"
@@ -46,20 +47,6 @@ protected:
   TemporaryFolder folder_;
   std::string path_ = folder_ / "agent.xml";
   std::wstring file_ = folder_.wide("agent.xml");
-};
-
-// Runs with a umask of its own.
-class UmaskScope {
-public:
-  explicit UmaskScope(mode_t mask) : before_(::umask(mask)) {}
-
-  ~UmaskScope() { ::umask(before_); }
-
-  UmaskScope(UmaskScope const&) = delete;
-  UmaskScope& operator=(UmaskScope const&) = delete;
-
-private:
-  mode_t before_;
 };
 
 TEST_F(AnXmlWritingTest, FileIsUtf8WithoutMark) {
