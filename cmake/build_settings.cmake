@@ -41,8 +41,9 @@ function(vrxutil_library_settings target)
     SOVERSION ${PROJECT_VERSION_MAJOR})
   if(NOT APPLE AND NOT VRXUTIL_SANITIZE)
     set(hidden_symbols "${PROJECT_SOURCE_DIR}/cmake/hidden_symbols.map")
+    # nodelete: threads that go on after dlclose() end with calls into the library.
     target_link_options(${target} PRIVATE
-      -Wl,--no-undefined "-Wl,--version-script=${hidden_symbols}")
+      -Wl,--no-undefined -Wl,-z,nodelete "-Wl,--version-script=${hidden_symbols}")
     set_target_properties(${target} PROPERTIES LINK_DEPENDS "${hidden_symbols}")
   endif()
 endfunction()

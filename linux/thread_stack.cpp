@@ -20,7 +20,7 @@ bool isOnThreadStack(void const* object) noexcept {
   ::pthread_attr_destroy(&attributes);
   if (!known) return true;
 #endif
-  std::less<void const*> const before;
+  std::less<> const before;
   return !before(object, lowest) && before(object, static_cast<char*>(lowest) + size);
 }
 

@@ -179,6 +179,7 @@ template <class Scope>
 void nestTenDeep() {
   std::array<std::optional<Scope>, 10> scopes;
   for (std::optional<Scope>& scope : scopes) scope.emplace(kGroup, kMessage);
+  // NOLINTNEXTLINE(modernize-loop-convert): clang 14 has no reverse view
   for (auto scope = scopes.rbegin(); scope != scopes.rend(); ++scope) scope->reset();
 }
 
@@ -285,6 +286,7 @@ TEST(LogAllocationTest, NothingIsAllocatedForAnErrorInSixtyFourScopes) {
   std::array<std::optional<ADetailTrace>, 64> scopes;
   for (auto& scope : scopes) scope.emplace(kGroup, kMessage);
   EXPECT_EQ(blocksTakenBy({"", [] { logError(kGroup, kMessage); }}), 0U);
+  // NOLINTNEXTLINE(modernize-loop-convert): clang 14 has no reverse view
   for (auto scope = scopes.rbegin(); scope != scopes.rend(); ++scope) scope->reset();
 }
 

@@ -29,6 +29,7 @@ static_assert(sizeof(ADetailTrace) == sizeof(ATrace));
 static_assert(sizeof(AnInfoTrace) == sizeof(ATrace));
 // Table of virtual operations, stack, previous, group, isDetail, message.
 static_assert(sizeof(ATrace) == 4 * sizeof(void*) + 2 * sizeof(AString));
+// NOLINTNEXTLINE(bugprone-sizeof-expression): a pointer is what is meant
 static_assert(sizeof(ATraceStack) == sizeof(ATrace*));
 static_assert(std::is_same_v<decltype(ATraceStack::top), ATrace*>);
 static_assert(!std::is_polymorphic_v<ATraceStack>);

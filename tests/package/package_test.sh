@@ -118,6 +118,7 @@ check_libraries() {
     library=$libraries/lib$name.so
     readelf -dW "$library" >"$work/dynamic"
     grep -q "SONAME.*\[lib$name\.so\.1\]" "$work/dynamic" || fail "$name: wrong SONAME"
+    grep -q "FLAGS_1.*NODELETE" "$work/dynamic" || fail "$name: can be unloaded"
     { [ -L "$library" ] && [ -L "$library.1" ]; } || fail "$name: the usual links are missing"
     ! grep -E 'R(UN)?PATH' "$work/dynamic" || fail "$name looks for libraries where it was built"
     strangers=$(nm -DC --defined-only "$library" |

@@ -794,7 +794,6 @@ TEST_F(XmlFileTest, OnlyUtf8MayBeAskedFor) {
     encoding = asked;
     EXPECT_LT(AdvXMLParser::ReadUtf8BufferFromFileNoExp(file_, utf8, encoding, nullptr, nullptr),
               0);
-    encoding = asked;
     EXPECT_THROW(AdvXMLParser::WriteBufferToFile(file_, L"x", asked, nullptr, nullptr),
                  ReadWriteException);
     EXPECT_EQ(fileBytes(path_), "<a/>");
