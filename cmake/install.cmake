@@ -4,9 +4,10 @@ include(CMakePackageConfigHelpers)
 
 set(package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/vrxutil")
 
-install(TARGETS vrxutil vrxcomn EXPORT vrxutilTargets
+install(TARGETS vrxutil vrxcomn zulral EXPORT vrxutilTargets
   LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}")
-install(DIRECTORY include/vrxutil platform/vrxcomn/include/vrxcomn
+install(DIRECTORY
+  include/vrxutil platform/vrxcomn/include/vrxcomn platform/zulral/include/zulral
   DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}"
   FILES_MATCHING PATTERN "*.h")
 

@@ -44,7 +44,7 @@ Encoding currentEncoding() {
 }
 
 std::size_t asciiStart(char const* text, std::size_t size) {
-  return currentEncoding() != Encoding::other ? asciiPrefix(text, size) : 0;
+  return lowerHalfIsAscii() ? asciiPrefix(text, size) : 0;
 }
 
 /// wcrtomb, with "?" for a character that the locale's encoding lacks.
@@ -129,6 +129,8 @@ void narrow(std::wstring_view text, Output& output) {
 }
 
 }  // namespace
+
+bool lowerHalfIsAscii() { return currentEncoding() != Encoding::other; }
 
 std::size_t wideLength(char const* text) {
   std::size_t const size = std::strlen(text);

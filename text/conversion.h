@@ -10,6 +10,10 @@ namespace vrxutil::detail {
 /// What mbstowcs gives for a text that is not valid in the C locale.
 inline constexpr std::size_t kInvalid = static_cast<std::size_t>(-1);
 
+/// Whether each byte from 1 to 0x7F is a character of its own in the C locale, the
+/// one that it is in ASCII. False where that is not known.
+bool lowerHalfIsAscii();
+
 /// Number of wide characters that `text` converts to, or kInvalid.
 std::size_t wideLength(char const* text);
 

@@ -1,3 +1,5 @@
+#include "linux/call_text.h"
+
 #include <vrxcomn/xml_parser.h>
 #include <vrxutil/log.h>
 #include <vrxutil/system.h>
@@ -12,16 +14,10 @@
 namespace {
 
 using AdvXMLParser::UTF_ENCODINGS;
+using vrxutil::detail::callText;
 
 constexpr wchar_t kGroup[] = L"Xml";
 constexpr wchar_t kNoDocument[] = L"No document to write";
-
-/// The text of a trace scope: what is called, and with what.
-AStringList call(wchar_t const* name) {
-  AStringList list(L",", /*afterEach=*/false);
-  list << name;
-  return list;
-}
 
 /// Logs `message` followed by the parser library's reason.
 void logLastXmlError(wchar_t const* message) {
@@ -82,8 +78,7 @@ bool AnXml::useString(wchar_t const* text, wchar_t const* rootName, wchar_t cons
 
 bool AnXml::useText(std::wstring_view text, wchar_t const* rootName, wchar_t const* attributeName,
                     wchar_t const* attributeValue) {
-  ADetailTrace const trace(kGroup, call(L"useString")
-                                       << rootName << attributeName << attributeValue);
+  ADetailTrace const trace(kGroup, callText(L"useString", rootName, attributeName, attributeValue));
   close();
   document = parse(text);
   return document != nullptr &&
@@ -92,7 +87,7 @@ bool AnXml::useText(std::wstring_view text, wchar_t const* rootName, wchar_t con
 
 bool AnXml::useFile(bool reportMissing, wchar_t const* fileName, wchar_t const* rootName,
                     wchar_t const* attributeName, wchar_t const* attributeValue) {
-  ADetailTrace const trace(kGroup, call(L"useExistingFile") << fileName);
+  ADetailTrace const trace(kGroup, callText(L"useExistingFile", fileName));
   std::wstring text;
   return internalReadFile(reportMissing, fileName, text) &&
          useText(text, rootName, attributeName, attributeValue);
@@ -116,7 +111,7 @@ bool AnXml::useFileAlways(wchar_t const* fileName, wchar_t const* rootName,
 
 bool AnXml::useNew(wchar_t const* rootName, wchar_t const* attributeName,
                    wchar_t const* attributeValue) {
-  ADetailTrace const trace(kGroup, call(L"useNew") << rootName << attributeName << attributeValue);
+  ADetailTrace const trace(kGroup, callText(L"useNew", rootName, attributeName, attributeValue));
   if (rootName == nullptr) {
     logError(kGroup, L"Null root node name");
     return false;
@@ -129,7 +124,7 @@ bool AnXml::useNew(wchar_t const* rootName, wchar_t const* attributeName,
 }
 
 bool AnXml::internalReadFile(bool reportMissing, wchar_t const* fileName, std::wstring& text) {
-  ADetailTrace const trace(kGroup, call(L"ReadBufferFromFileNoExp") << fileName);
+  ADetailTrace const trace(kGroup, callText(L"ReadBufferFromFileNoExp", fileName));
   UTF_ENCODINGS encoding = AdvXMLParser::UTF_8;
   long const result = AdvXMLParser::ReadBufferFromFileNoExp(
       AString(fileName).const_cpp_str(), text, encoding, nullptr, ACryptWrap::decrypt_data);
@@ -143,7 +138,7 @@ bool AnXml::readExistingFile(AString const& fileName, AString& text) {
 
 bool AnXml::readExistingFileUtf8(AString const& fileName, AnObjectBuffer<unsigned char>& bytes) {
   wchar_t const* const name = fileName;
-  ADetailTrace const trace(kGroup, call(L"ReadUtf8BufferFromFileNoExp") << name);
+  ADetailTrace const trace(kGroup, callText(L"ReadUtf8BufferFromFileNoExp", name));
   UTF_ENCODINGS encoding = AdvXMLParser::UTF_8;
   return checked(AdvXMLParser::ReadUtf8BufferFromFileNoExp(name, bytes.cpp_str(), encoding, nullptr,
                                                            ACryptWrap::decrypt_data) >= 0);
@@ -152,7 +147,7 @@ bool AnXml::readExistingFileUtf8(AString const& fileName, AnObjectBuffer<unsigne
 bool AnXml::convertUtf8ToUnicode(char const* utf8, AString& text) {
   if (utf8 == nullptr) utf8 = "";
   unsigned long const length = std::strlen(utf8);
-  ADetailTrace const trace(kGroup, call(L"ConvertBufferToUnicode") << AString(length));
+  ADetailTrace const trace(kGroup, callText(L"ConvertBufferToUnicode", AString(length)));
   UTF_ENCODINGS encoding = AdvXMLParser::UTF_8;
   return checked(AdvXMLParser::ConvertBufferToUnicode(utf8, length, text.cpp_str(), encoding) >= 0);
 }
@@ -165,7 +160,7 @@ bool AnXml::convertUnicodeToUtf8(wchar_t const* text, AnObjectBuffer<unsigned ch
 }
 
 bool AnXml::writeFile(wchar_t const* fileName, bool encrypt, bool generateFlag) {
-  ADetailTrace const trace(kGroup, call(L"WriteBufferToFile") << fileName);
+  ADetailTrace const trace(kGroup, callText(L"WriteBufferToFile", fileName));
   if (document == nullptr) {
     logInternalError(kGroup, kNoDocument);
     return false;

@@ -34,6 +34,7 @@ FileError lastError(char const* action, std::string const& path) {
 
 constexpr auto kInvalidSize = static_cast<std::size_t>(-1);  // of wcrtomb
 constexpr std::size_t kFirstRead = 16384;
+constexpr std::size_t kCopyBlock = 131072;
 constexpr int kMaxLinks = 40;  // as many as the kernel follows
 constexpr mode_t kNewFileMode = 0666;
 constexpr mode_t kPrivateMode = 0600;
@@ -63,19 +64,6 @@ bool isFolder(std::string const& path) {
   return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
-/// Opens a file that may be a FIFO or a device, without waiting for anybody at
-/// the other end; what follows does wait.
-Descriptor openWithoutWaiting(std::string const& path, int flags) {
-  Descriptor file = openFile(path, flags | O_NOCTTY | O_NONBLOCK);
-  // Another process holds a lease on the file: the kernel has asked it to give
-  // way, and bounds the time that this may take (fcntl(2), F_SETLEASE).
-  if (!file && errno == EWOULDBLOCK && isRegular(path)) return openFile(path, flags | O_NOCTTY);
-  if (!file) return file;
-  int const status = ::fcntl(file.get(), F_GETFL);
-  if (status < 0 || ::fcntl(file.get(), F_SETFL, status & ~O_NONBLOCK) < 0) return Descriptor();
-  return file;
-}
-
 Failure readToEnd(Descriptor const& file, std::string const& path, std::size_t expected,
                   std::size_t limit, std::string& bytes) {
   // One byte more than expected: the end shows without growing once more.
@@ -94,18 +82,6 @@ Failure readToEnd(Descriptor const& file, std::string const& path, std::size_t e
   return std::nullopt;
 }
 
-/// False with errno set. A write that takes fewer bytes is followed by another.
-bool writeAll(int fd, std::string_view bytes) {
-  WriteSignalsBlocked const blocked;
-  while (!bytes.empty()) {
-    ssize_t const size = uninterrupted([&] { return ::write(fd, bytes.data(), bytes.size()); });
-    if (size == 0) errno = EIO;  // nor will it take more the next time
-    if (size <= 0) return false;
-    bytes.remove_prefix(static_cast<std::size_t>(size));
-  }
-  return true;
-}
-
 /// False with errno set.
 bool flush(int fd) {
 #ifdef F_FULLFSYNC
@@ -118,22 +94,6 @@ bool flush(int fd) {
 
 /// The folder that holds `path`, with its final "/", or "" for the current one.
 std::string_view folderOf(std::string_view path) { return path.substr(0, path.rfind('/') + 1); }
-
-/// Follows the symbolic link that `path` may be, and those that it leads to;
-/// the last one need not lead to anything. Replaces `path`.
-Failure followLinks(std::string& path) {
-  std::string const start = path;
-  for (int links = 0; links < kMaxLinks; ++links) {
-    std::array<char, PATH_MAX> target;
-    ssize_t const size = ::readlink(path.c_str(), target.data(), target.size());
-    if (size < 0 && (errno == EINVAL || errno == ENOENT)) return std::nullopt;  // no link
-    if (size < 0) return lastError("follow", start);
-    std::string_view const text(target.data(), static_cast<std::size_t>(size));
-    if (text.size() == target.size()) return FileError{"follow", start, ENAMETOOLONG};
-    path = text.starts_with('/') ? std::string(text) : std::string(folderOf(path)).append(text);
-  }
-  return FileError{"follow", start, ELOOP};
-}
 
 /// Fills `name` with letters and digits that nobody can guess; false with errno
 /// set.
@@ -165,8 +125,11 @@ public:
 
   bool close() { return file_.close(); }
 
-  /// False with errno set.
+  /// Takes the name of `target`; false with errno set.
   bool rename(std::string const& target);
+
+  /// The same where nothing has the name yet, else EEXIST.
+  bool renameToFree(std::string const& target);
 
 private:
   std::string path_;
@@ -188,6 +151,11 @@ bool Neighbour::rename(std::string const& target) {
   if (std::rename(path_.c_str(), target.c_str()) != 0) return false;
   path_.clear();
   return true;
+}
+
+// link(2) decides in one step; the destructor takes the first name away.
+bool Neighbour::renameToFree(std::string const& target) {
+  return ::link(path_.c_str(), target.c_str()) == 0;
 }
 
 /// Whether a change of owner failed for want of a right to it, or of a name for
@@ -227,25 +195,34 @@ Failure openFolder(std::string const& target, Descriptor& folder) {
   return lastError("open the folder of", target);
 }
 
-/// Replaces a regular file that is like `old`, or makes one where that is null.
-Failure replaceRegular(std::string const& target, std::string_view bytes, Status const* old) {
+/// What to do with a name that is taken.
+enum class Taken { replace, refuse };
+
+/// Puts a new file in the place of a regular one, or of none. It is made with
+/// `mode`, and `fill(descriptor)` gives it contents, owner and mode.
+template <class Fill>
+Failure replaceRegular(std::string const& target, mode_t mode, Taken taken, Fill fill) {
   Descriptor folder;
   if (Failure failure = openFolder(target, folder)) return failure;
   Neighbour neighbour;
-  if (!neighbour.create(target, old == nullptr ? kNewFileMode : kPrivateMode)) {
-    return lastError("create a temporary file beside", target);
-  }
-  if (!writeAll(neighbour.get(), bytes)) return lastError("write", target);
-  // After the writing, which clears set-id bits as well.
-  if (old != nullptr && !takeOver(neighbour.get(), *old)) {
-    return lastError("keep the owner and mode of", target);
-  }
+  if (!neighbour.create(target, mode)) return lastError("create a temporary file beside", target);
+  if (Failure failure = fill(neighbour.get())) return failure;
   if (!flush(neighbour.get())) return lastError("flush", target);
   if (!neighbour.close()) return lastError("close", target);
-  if (!neighbour.rename(target)) return lastError("replace", target);
+  bool const isInPlace =
+      taken == Taken::refuse ? neighbour.renameToFree(target) : neighbour.rename(target);
+  if (!isInPlace) return lastError("replace", target);
   // EINVAL: this file system does not flush folders (fsync(2)).
   if (!folder || flush(folder.get()) || errno == EINVAL) return std::nullopt;
   return lastError("flush the folder of", target);
+}
+
+/// Fills a file with `bytes` and makes it like `old`, where that is not null.
+Failure fillWith(int fd, std::string const& target, std::string_view bytes, Status const* old) {
+  if (!writeAll(fd, bytes)) return lastError("write", target);
+  // After the writing, which clears set-id bits as well.
+  if (old == nullptr || takeOver(fd, *old)) return std::nullopt;
+  return lastError("keep the owner and mode of", target);
 }
 
 Failure writeInPlace(std::string const& path, std::string_view bytes) {
@@ -253,6 +230,70 @@ Failure writeInPlace(std::string const& path, std::string_view bytes) {
   if (!file) return lastError("open", path);
   if (!writeAll(file.get(), bytes)) return lastError("write", path);
   if (!file.close()) return lastError("close", path);
+  return std::nullopt;
+}
+
+/// Copies what is left of `source` to the file `fd`.
+Failure copyContents(Descriptor const& source, std::string const& sourcePath, int fd,
+                     std::string const& target) {
+  std::string block(kCopyBlock, '\0');
+  while (true) {
+    ssize_t const size =
+        uninterrupted([&] { return ::read(source.get(), block.data(), block.size()); });
+    if (size < 0) return lastError("read", sourcePath);
+    if (size == 0) return std::nullopt;
+    if (!writeAll(fd, {block.data(), static_cast<std::size_t>(size)})) {
+      return lastError("write", target);
+    }
+  }
+}
+
+/// Gives a copy the permission bits of its source and the owner of `old`, the
+/// file that it replaces, where that is not null. False with errno set.
+bool finishCopy(int fd, Status const& source, Status const* old) {
+  Status like{};
+  if (old != nullptr) {
+    like = *old;
+  } else if (::fstat(fd, &like) != 0) {
+    return false;
+  }
+  like.st_mode = source.st_mode & kPermissionBits;
+  return takeOver(fd, like);
+}
+
+/// A file to copy from.
+struct Source {
+  std::string const& path;
+  Descriptor file{};
+  Status status{};
+};
+
+/// Opens a regular file.
+Failure openSource(Source& source) {
+  source.file = openWithoutWaiting(source.path, O_RDONLY);
+  if (!source.file) return lastError("open", source.path);
+  if (::fstat(source.file.get(), &source.status) != 0) return lastError("read", source.path);
+  if (S_ISDIR(source.status.st_mode)) return FileError{"read", source.path, EISDIR};
+  if (!S_ISREG(source.status.st_mode)) return FileError{"read", source.path, EINVAL};
+  return std::nullopt;
+}
+
+/// Copies to the place of a regular file that is like `old`, or to a new one where
+/// that is null.
+Failure copyToRegular(Source const& source, std::string const& target, Taken taken,
+                      Status const* old) {
+  return replaceRegular(target, kPrivateMode, taken, [&](int fd) -> Failure {
+    if (Failure failure = copyContents(source.file, source.path, fd, target)) return failure;
+    if (finishCopy(fd, source.status, old)) return std::nullopt;
+    return lastError("set the owner and mode of", target);
+  });
+}
+
+Failure copyInPlace(Source const& source, std::string const& target) {
+  Descriptor file = openWithoutWaiting(target, O_WRONLY);
+  if (!file) return lastError("open", target);
+  if (Failure failure = copyContents(source.file, source.path, file.get(), target)) return failure;
+  if (!file.close()) return lastError("close", target);
   return std::nullopt;
 }
 
@@ -317,6 +358,31 @@ bool Descriptor::close() noexcept {
   return fd < 0 || ::close(fd) == 0 || errno == EINTR;
 }
 
+Descriptor openWithoutWaiting(std::string const& path, int flags, unsigned mode) {
+  auto const bits = static_cast<mode_t>(mode);
+  Descriptor file = openFile(path, flags | O_NOCTTY | O_NONBLOCK, bits);
+  // Another process holds a lease on the file: the kernel has asked it to give
+  // way, and bounds the time that this may take (fcntl(2), F_SETLEASE).
+  if (!file && errno == EWOULDBLOCK && isRegular(path)) {
+    return openFile(path, flags | O_NOCTTY, bits);
+  }
+  if (!file) return file;
+  int const status = ::fcntl(file.get(), F_GETFL);
+  if (status < 0 || ::fcntl(file.get(), F_SETFL, status & ~O_NONBLOCK) < 0) return Descriptor();
+  return file;
+}
+
+bool writeAll(int fd, std::string_view bytes) {
+  WriteSignalsBlocked const blocked;
+  while (!bytes.empty()) {
+    ssize_t const size = uninterrupted([&] { return ::write(fd, bytes.data(), bytes.size()); });
+    if (size == 0) errno = EIO;  // nor will it take more the next time
+    if (size <= 0) return false;
+    bytes.remove_prefix(static_cast<std::size_t>(size));
+  }
+  return true;
+}
+
 std::optional<std::string> narrowFileName(std::wstring_view fileName) {
   std::string name;
   std::mbstate_t state{};
@@ -345,12 +411,30 @@ std::wstring wideMessage(std::string_view text) {
 Failure readFile(std::string const& path, std::size_t limit, std::string& bytes) {
   Descriptor const file = openWithoutWaiting(path, O_RDONLY);
   if (!file) return lastError("open", path);
+  return readFile(file, path, limit, bytes);
+}
 
+Failure readFile(Descriptor const& file, std::string const& path, std::size_t limit,
+                 std::string& bytes) {
   Status status{};
   if (::fstat(file.get(), &status) != 0) return lastError("read", path);
   auto const size = S_ISREG(status.st_mode) ? static_cast<std::uintmax_t>(status.st_size) : 0;
   if (size > limit) return FileError{"read", path, EFBIG};
   return readToEnd(file, path, static_cast<std::size_t>(size), limit, bytes);
+}
+
+Failure followLinks(std::string& path) {
+  std::string const start = path;
+  for (int links = 0; links < kMaxLinks; ++links) {
+    std::array<char, PATH_MAX> target;
+    ssize_t const size = ::readlink(path.c_str(), target.data(), target.size());
+    if (size < 0 && (errno == EINVAL || errno == ENOENT)) return std::nullopt;  // no link
+    if (size < 0) return lastError("follow", start);
+    std::string_view const text(target.data(), static_cast<std::size_t>(size));
+    if (text.size() == target.size()) return FileError{"follow", start, ENAMETOOLONG};
+    path = text.starts_with('/') ? std::string(text) : std::string(folderOf(path)).append(text);
+  }
+  return FileError{"follow", start, ELOOP};
 }
 
 Failure replaceFile(std::string const& path, std::string_view bytes) {
@@ -361,7 +445,25 @@ Failure replaceFile(std::string const& path, std::string_view bytes) {
   if (exists && !S_ISREG(old.st_mode)) return writeInPlace(path, bytes);
   std::string target = path;
   if (Failure failure = followLinks(target)) return failure;
-  return replaceRegular(target, bytes, exists ? &old : nullptr);
+  return replaceRegular(target, exists ? kPrivateMode : kNewFileMode, Taken::replace, [&](int fd) {
+    return fillWith(fd, target, bytes, exists ? &old : nullptr);
+  });
+}
+
+Failure copyFile(std::string const& source, std::string const& target, bool refuseReplacing) {
+  Source from{source};
+  if (Failure failure = openSource(from)) return failure;
+  Status old{};
+  bool const exists =
+      (refuseReplacing ? ::lstat(target.c_str(), &old) : ::stat(target.c_str(), &old)) == 0;
+  if (!exists && (errno != ENOENT || target.empty())) return lastError("open", target);
+  if (exists && refuseReplacing) return FileError{"replace", target, EEXIST};
+  if (exists && S_ISDIR(old.st_mode)) return FileError{"write", target, EISDIR};
+  if (exists && !S_ISREG(old.st_mode)) return copyInPlace(from, target);
+  if (refuseReplacing) return copyToRegular(from, target, Taken::refuse, nullptr);
+  std::string end = target;
+  if (Failure failure = followLinks(end)) return failure;
+  return copyToRegular(from, end, Taken::replace, exists ? &old : nullptr);
 }
 
 Failure makeFolders(std::string const& path, unsigned mode) {

@@ -49,6 +49,15 @@ private:
   int fd_;
 };
 
+/// open(2) with O_CLOEXEC, of what may be a FIFO or a device: waits for nobody at
+/// the other end (a FIFO without a reader is ENXIO for writing); what follows does
+/// wait. `mode` is for O_CREAT. None with errno set on failure.
+Descriptor openWithoutWaiting(std::string const& path, int flags, unsigned mode = 0);
+
+/// Writes all bytes to what is open; false with errno set. A write that takes fewer
+/// bytes is followed by another. Neither SIGPIPE nor SIGXFSZ reaches the process.
+bool writeAll(int fd, std::string_view bytes);
+
 /// `fileName` in the C locale's encoding; nothing where it has a character that
 /// the encoding lacks, or a NUL.
 std::optional<std::string> narrowFileName(std::wstring_view fileName);
@@ -67,6 +76,14 @@ std::wstring wideMessage(std::string_view text);
 /// of them closes it.
 std::optional<FileError> readFile(std::string const& path, std::size_t limit, std::string& bytes);
 
+/// The same for what is open at its beginning; `path` is for the error.
+std::optional<FileError> readFile(Descriptor const& file, std::string const& path,
+                                  std::size_t limit, std::string& bytes);
+
+/// Follows the symbolic link that `path` may be, and those that it leads to; the
+/// last one need not lead to anything. Replaces `path`.
+std::optional<FileError> followLinks(std::string& path);
+
 /// Replaces the contents of a file, or makes it.
 ///
 /// A regular file is replaced by renaming a neighbour over it that has been
@@ -80,6 +97,17 @@ std::optional<FileError> readFile(std::string const& path, std::size_t limit, st
 /// ENXIO, one whose reader leaves is EPIPE. A folder is EISDIR. Neither SIGPIPE
 /// nor SIGXFSZ reaches the process.
 std::optional<FileError> replaceFile(std::string const& path, std::string_view bytes);
+
+/// Copies the contents and the permission bits of a regular file, block by block.
+///
+/// The target is made or replaced as replaceFile() does it, and left alone where
+/// that fails; it keeps its owner and group where that is allowed. Set-id bits are
+/// not copied. With `refuseReplacing` a target that exists, a symbolic link that
+/// leads nowhere included, is EEXIST: two copies that start at once do not replace
+/// each other. A folder is EISDIR on either side, a source that is no regular file
+/// otherwise EINVAL.
+std::optional<FileError> copyFile(std::string const& source, std::string const& target,
+                                  bool refuseReplacing);
 
 /// Makes a folder and those above it that are missing, with `mode` less the
 /// umask. A folder that exists, or a link to one, is a success; anything else in

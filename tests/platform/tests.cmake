@@ -4,6 +4,8 @@ vrxutil_test(platform xml_file_test)
 vrxutil_test(platform logger_test)
 vrxutil_test(platform configuration_test)
 vrxutil_test(platform crypto_test)
+vrxutil_test(platform copy_file_test)
+vrxutil_test(platform profile_string_test)
 
 # Holds the source of its own, which the library hides.
 vrxutil_test(platform log_line_test platform_common spdlog::spdlog)

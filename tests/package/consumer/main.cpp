@@ -4,10 +4,12 @@
 
 #include <vrxutil/binary.h>
 #include <vrxutil/file.h>
+#include <vrxutil/ini.h>
 #include <vrxutil/log.h>
 #include <vrxutil/system.h>
 #include <vrxutil/text.h>
 #include <vrxutil/xml.h>
+#include <zulral/zulral.h>
 
 #include <cstdio>
 
@@ -26,6 +28,10 @@ int run(int /*argumentCount*/, char** /*arguments*/) {
   AString const path = APath(AString(L"/tmp"), AString(L"a")) << AFormat(7, L"0", 3);
   ABuffer const buffer("abc");
   if (!canReplaceServices()) return 3;
+  AnIni ini(AString(L"/dev/null"));
+  AString value;
+  if (ini.tryGet(L"agent", L"task", value)) return 4;
+  if (zulCopyFile("/dev/null", "/dev/null", /*refuseReplacing=*/1) != 0) return 5;
   std::printf("%s %s %lx\n", static_cast<char const*>(ACharString(task.asLogString())),
               static_cast<char const*>(ACharString(path)),
               static_cast<unsigned long>(Host2Be4(Host2Be4(0x12345678))) + buffer.size());

@@ -1,0 +1,505 @@
+// AnIni2 as a store: values by name, the written file, and how it gets to its place.
+
+#include "tests/support/locale_scope.h"
+#include "tests/support/log_recorder.h"
+#include "tests/support/temporary_folder.h"
+#include "tests/support/umask_scope.h"
+
+#include <vrxutil/ini.h>
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cerrno>
+#include <clocale>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <random>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using vrxutil::test::detailRecord;
+using vrxutil::test::errorRecord;
+using vrxutil::test::fileBytes;
+using vrxutil::test::LocaleScope;
+using vrxutil::test::LogRecord;
+using vrxutil::test::LogRecorder;
+using vrxutil::test::makeFile;
+using vrxutil::test::TemporaryFolder;
+using vrxutil::test::UmaskScope;
+
+using Map = AnIni2::SectionMap;
+using Records = std::vector<LogRecord>;
+
+static_assert(std::is_base_of_v<AnIni, AnIni2>);
+static_assert(
+    std::is_same_v<Map, std::multimap<std::wstring, std::map<std::wstring, std::wstring>>>);
+
+constexpr wchar_t kNotParsed[] = L"internal error: Ini file not parsed in AnIni2";
+
+LogRecord const kWriting = detailRecord(L"Xml", L"ConvertBufferToUtf8");
+
+class AnIni2Test : public testing::Test {
+protected:
+  /// An object over a file of these bytes.
+  std::unique_ptr<AnIni2> open(std::string const& text) {
+    makeFile(path, text);
+    auto ini = std::make_unique<AnIni2>(AString(widePath));
+    recorder.clear();
+    return ini;
+  }
+
+  std::unique_ptr<AnIni2> openMissing() {
+    auto ini = std::make_unique<AnIni2>(AString(widePath));
+    recorder.clear();
+    return ini;
+  }
+
+  std::string bytes() const { return fileBytes(path); }
+
+  std::size_t entries() const {
+    return static_cast<std::size_t>(
+        std::distance(fs::directory_iterator(folder.path()), fs::directory_iterator()));
+  }
+
+  ino_t inode() const {
+    struct stat status {};
+
+    EXPECT_EQ(::stat(path.c_str(), &status), 0);
+    return status.st_ino;
+  }
+
+  TemporaryFolder folder;
+  std::string path = folder / "file.ini";
+  std::wstring widePath = folder.wide("file.ini");
+  LogRecorder recorder;
+};
+
+std::wstring valueOf(AnIni2& ini, wchar_t const* section, wchar_t const* key) {
+  AString value(L"unset");
+  return ini.get(false, AString(section), AString(key), value) ? value.const_cpp_str() : L"missing";
+}
+
+void set(AnIni2& ini, wchar_t const* section, wchar_t const* key, wchar_t const* value) {
+  ini.set(AString(section), AString(key), AString(value));
+}
+
+Map mapOf(AnIni2& ini) {
+  Map map;
+  EXPECT_TRUE(ini.getIniMap(map));
+  return map;
+}
+
+// Reading values.
+
+TEST_F(AnIni2Test, GivesTheValueOfAKeyInItsSection) {
+  auto const ini = open("k=none\n[a]\nk=in a\n[b]\nk=in b\n");
+  EXPECT_EQ(valueOf(*ini, L"", L"k"), L"none");
+  EXPECT_EQ(valueOf(*ini, L"a", L"k"), L"in a");
+  EXPECT_EQ(valueOf(*ini, L"b", L"k"), L"in b");
+  EXPECT_TRUE(recorder.records().empty());
+}
+
+TEST_F(AnIni2Test, NamesAreExactInCase) {
+  auto const ini = open("[a]\nk=v\n");
+  EXPECT_EQ(valueOf(*ini, L"A", L"k"), L"missing");
+  EXPECT_EQ(valueOf(*ini, L"a", L"K"), L"missing");
+}
+
+TEST_F(AnIni2Test, MissingValueIsEmptyAndQuiet) {
+  auto const ini = open("[a]\nk=v\n");
+  AString value(L"before");
+  EXPECT_FALSE(ini->get(false, AString(L"a"), AString(L"x"), value));
+  EXPECT_EQ(value.const_cpp_str(), L"");
+  value = L"before";
+  EXPECT_FALSE(ini->tryGet(AString(L"x"), AString(L"k"), value));
+  EXPECT_EQ(value.const_cpp_str(), L"");
+  EXPECT_TRUE(recorder.records().empty());
+}
+
+TEST_F(AnIni2Test, MissingRequiredValueIsAnError) {
+  auto const ini = open("[a]\nk=v\n");
+  AString value(L"before");
+  Records const expected{
+      errorRecord(L"ini", L"Error trace:"),
+      errorRecord(L"ini", L"  Couldn't read required section \"a\", setting \"x\" from file \"" +
+                              widePath + L"\"")};
+  EXPECT_FALSE(ini->get(true, AString(L"a"), AString(L"x"), value));
+  EXPECT_EQ(value.const_cpp_str(), L"");
+  EXPECT_EQ(recorder.records(), expected);
+  recorder.clear();
+  EXPECT_FALSE(ini->getExisting(AString(L"a"), AString(L"x"), value));
+  EXPECT_EQ(recorder.records(), expected);
+}
+
+TEST_F(AnIni2Test, ValuesOfAnyLengthAreRead) {
+  auto const ini = open("k=" + std::string(100000, 'v') + "\n");
+  EXPECT_EQ(valueOf(*ini, L"", L"k"), std::wstring(100000, L'v'));
+}
+
+TEST_F(AnIni2Test, BaseClassReachesTheStore) {
+  auto const ini = open("[a]\nk=v\n");
+  AnIni& base = *ini;
+  AString value;
+  EXPECT_TRUE(base.tryGet(AString(L"a"), AString(L"k"), value));
+  EXPECT_EQ(value.const_cpp_str(), L"v");
+  EXPECT_TRUE(base.getExisting(AString(L"a"), AString(L"k"), value));
+  base.set(AString(L"a"), AString(L"k"), AString(L"w"));
+  base.close();
+  EXPECT_EQ(bytes(), "[a]\nk=w\n\n");
+}
+
+// Storing values.
+
+TEST_F(AnIni2Test, InsertSaysWhatItRefuses) {
+  auto const ini = openMissing();
+  EXPECT_FALSE(ini->insert(L"s", L"", L"v"));
+  EXPECT_FALSE(ini->insert(L"", L"", L"v"));
+  EXPECT_FALSE(ini->insert(L"", L"", L""));
+  Records const expected{
+      errorRecord(L"ini", L"internal error: Unable to insert s, , and v into the map."),
+      errorRecord(L"ini", L"internal error: Unable to insert , , and v into the map."),
+      errorRecord(L"ini", L"internal error: Unable to insert , , and  into the map.")};
+  EXPECT_EQ(recorder.records(), expected);
+  EXPECT_TRUE(mapOf(*ini).empty());
+  ini->close();
+  EXPECT_FALSE(fs::exists(path));
+}
+
+TEST_F(AnIni2Test, InsertOfASectionAloneMakesIt) {
+  auto const ini = openMissing();
+  EXPECT_TRUE(ini->insert(L"s", L"", L""));
+  EXPECT_EQ(mapOf(*ini), (Map{{L"s", {{L"", L""}}}}));
+  EXPECT_TRUE(recorder.records().empty());
+  ini->close();
+  EXPECT_EQ(bytes(), "[s]\n=\n\n");
+}
+
+TEST_F(AnIni2Test, InsertAddsAndReplaces) {
+  auto const ini = openMissing();
+  EXPECT_TRUE(ini->insert(L"s", L"k", L"1"));
+  EXPECT_TRUE(ini->insert(L"s", L"k", L"2"));
+  EXPECT_TRUE(ini->insert(L"s", L"k", L"2"));
+  EXPECT_TRUE(ini->insert(L"s", L"j", L"3"));
+  EXPECT_TRUE(ini->insert(L"r", L"k", L"4"));
+  EXPECT_EQ(mapOf(*ini), (Map{{L"r", {{L"k", L"4"}}}, {L"s", {{L"j", L"3"}, {L"k", L"2"}}}}));
+}
+
+TEST_F(AnIni2Test, RandomChangesAgreeWithAMap) {
+  auto const ini = openMissing();
+  std::map<std::wstring, std::map<std::wstring, std::wstring>> oracle;
+  std::mt19937 random(17);
+  std::uniform_int_distribution<int> number(0, 60);
+  for (int i = 0; i < 20000; ++i) {
+    std::wstring const section = L"s" + std::to_wstring(number(random) / 8);
+    std::wstring const key = L"k" + std::to_wstring(number(random) * i / 500);
+    auto const known = oracle[section].find(key);
+    ASSERT_EQ(valueOf(*ini, section.c_str(), key.c_str()),
+              known == oracle[section].end() ? L"missing" : known->second);
+    std::wstring const value = std::to_wstring(i);
+    oracle[section][key] = value;
+    set(*ini, section.c_str(), key.c_str(), value.c_str());
+    ASSERT_EQ(valueOf(*ini, section.c_str(), key.c_str()), value);
+  }
+  EXPECT_EQ(mapOf(*ini), Map(oracle.begin(), oracle.end()));
+}
+
+TEST_F(AnIni2Test, MapIsACopy) {
+  auto const ini = open("[a]\nk=v\n");
+  Map map = mapOf(*ini);
+  map.clear();
+  EXPECT_EQ(valueOf(*ini, L"a", L"k"), L"v");
+}
+
+// Writing.
+
+TEST_F(AnIni2Test, WritesSectionsAndKeysInOrder) {
+  auto const ini = open("; comment\r\n[b]\r\ny = 2 \r\nx=1\r\n[a]\r\nk=v\r\n[b]\r\nz=\r\n");
+  set(*ini, L"c", L"\u00E4", L"\U0001F600 [;=");
+  ini->close();
+  EXPECT_EQ(bytes(), "[a]\nk=v\n\n[b]\nx=1\ny=2\nz=\n\n[c]\n\xC3\xA4=\xF0\x9F\x98\x80 [;=\n\n");
+  EXPECT_EQ(recorder.records(), Records{kWriting});
+  EXPECT_EQ(entries(), 1U);
+}
+
+TEST_F(AnIni2Test, UnchangedStoreIsNotWritten) {
+  auto const ini = open("[b]\nk=v\n[a]\nk=v\n");
+  set(*ini, L"b", L"k", L"v");
+  ini->close();
+  EXPECT_EQ(bytes(), "[b]\nk=v\n[a]\nk=v\n");
+  EXPECT_TRUE(recorder.records().empty());
+}
+
+TEST_F(AnIni2Test, WritesOnceForAChange) {
+  auto const ini = open("[b]\nk=v\n");
+  set(*ini, L"b", L"k", L"w");
+  ini->write();
+  EXPECT_EQ(bytes(), "[b]\nk=w\n\n");
+  fs::remove(path);
+  ini->write();
+  ini->close();
+  EXPECT_FALSE(fs::exists(path));
+  EXPECT_EQ(recorder.records(), Records{kWriting});
+}
+
+TEST_F(AnIni2Test, WriteKeepsTheStore) {
+  auto const ini = openMissing();
+  set(*ini, L"a", L"k", L"v");
+  ini->write();
+  EXPECT_TRUE(ini->parsed());
+  EXPECT_EQ(valueOf(*ini, L"a", L"k"), L"v");
+}
+
+TEST_F(AnIni2Test, DestructorWrites) {
+  open("")->set(AString(L"a"), AString(L"k"), AString(L"v"));
+  EXPECT_EQ(bytes(), "[a]\nk=v\n\n");
+}
+
+TEST_F(AnIni2Test, CloseForgetsEverything) {
+  auto const ini = open("[a]\nk=v\n");
+  ini->close();
+  EXPECT_FALSE(ini->parsed());
+  AString value(L"before");
+  EXPECT_FALSE(ini->get(true, AString(L"a"), AString(L"k"), value));
+  EXPECT_EQ(value.const_cpp_str(), L"before");
+  EXPECT_EQ(recorder.records(),
+            Records{errorRecord(L"ini", L"internal error: No file name in AnIni::tryGet")});
+}
+
+TEST_F(AnIni2Test, OpenWritesTheFileBefore) {
+  auto const ini = open("[a]\nk=v\n");
+  makeFile(folder / "other.ini", "[o]\nk=other\n");
+  set(*ini, L"a", L"k", L"w");
+  EXPECT_TRUE(ini->open(AString(folder.wide("other.ini"))));
+  EXPECT_EQ(bytes(), "[a]\nk=w\n\n");
+  EXPECT_EQ(mapOf(*ini), (Map{{L"o", {{L"k", L"other"}}}}));
+  EXPECT_EQ(valueOf(*ini, L"a", L"k"), L"missing");
+}
+
+TEST_F(AnIni2Test, OpenSaysWhetherTheFileWasParsed) {
+  auto const ini = openMissing();
+  makeFile(folder / "bad.ini", "]");
+  EXPECT_FALSE(ini->open(AString(folder.wide("bad.ini"))));
+  EXPECT_FALSE(ini->parsed());
+  EXPECT_TRUE(ini->open(AString(widePath)));
+  EXPECT_TRUE(ini->parsed());
+}
+
+TEST_F(AnIni2Test, SectionWithoutNameCannotBeReadBack) {
+  auto ini = openMissing();
+  set(*ini, L"", L"k", L"v");
+  ini->close();
+  EXPECT_EQ(bytes(), "[]\nk=v\n\n");
+  recorder.clear();
+  EXPECT_FALSE(ini->open(AString(widePath)));
+  EXPECT_EQ(recorder.errors(),
+            (Records{errorRecord(L"ini", L"internal error: Unexpected: empty section " + widePath +
+                                             L" line 1"),
+                     errorRecord(L"ini", kNotParsed)}));
+}
+
+TEST_F(AnIni2Test, WrittenTextEndsAtItsFirstNul) {
+  auto const ini = openMissing();
+  ini->insert(L"a", L"k", std::wstring(L"v\0w", 3));
+  ini->insert(L"b", L"k", L"v");
+  ini->close();
+  EXPECT_EQ(bytes(), "[a]\nk=v");
+}
+
+TEST_F(AnIni2Test, TextWithoutUtf8FormLeavesTheFile) {
+  auto const ini = open("[a]\nk=v\n");
+  set(*ini, L"a", L"k", L"\xD800");
+  ini->write();
+  EXPECT_EQ(bytes(), "[a]\nk=v\n");
+  ASSERT_EQ(recorder.plainErrors().size(), 1U);
+  EXPECT_EQ(recorder.plainErrors().front().group, L"Xml");
+  recorder.clear();
+  ini->close();
+  EXPECT_TRUE(recorder.records().empty());
+}
+
+TEST_F(AnIni2Test, TextWithoutUtf8FormMakesNoFile) {
+  auto const ini = openMissing();
+  set(*ini, L"a", L"k", L"\xD800");
+  ini->close();
+  EXPECT_EQ(entries(), 0U);
+}
+
+// Where the file gets to.
+
+TEST_F(AnIni2Test, FileIsReplacedWithItsMode) {
+  auto const ini = open("");
+  ASSERT_EQ(::chmod(path.c_str(), 0640), 0);
+  ino_t const before = inode();
+  set(*ini, L"a", L"k", L"v");
+  ini->write();
+  EXPECT_NE(inode(), before);
+  EXPECT_EQ(fs::status(path).permissions(), fs::perms{0640});
+  EXPECT_EQ(entries(), 1U);
+}
+
+TEST_F(AnIni2Test, NewFileTakesTheUmask) {
+  UmaskScope const mask(027);
+  auto const ini = openMissing();
+  set(*ini, L"a", L"k", L"v");
+  ini->write();
+  EXPECT_EQ(fs::status(path).permissions(), fs::perms{0640});
+  EXPECT_EQ(entries(), 1U);
+}
+
+TEST_F(AnIni2Test, FileWithTwoNamesIsWrittenInPlace) {
+  auto const ini = open("[a]\nlong=" + std::string(1000, 'x') + "\nk=v\n");
+  fs::create_hard_link(path, folder / "second");
+  ino_t const before = inode();
+  set(*ini, L"a", L"long", L"w");
+  ini->write();
+  EXPECT_EQ(inode(), before);
+  EXPECT_EQ(bytes(), "[a]\nk=v\nlong=w\n\n");
+  EXPECT_EQ(fileBytes(folder / "second"), bytes());
+}
+
+TEST_F(AnIni2Test, SymbolicLinkStaysAndItsTargetIsReplaced) {
+  makeFile(folder / "target", "[a]\nk=v\n");
+  fs::create_symlink("target", path);
+  auto const ini = openMissing();
+  set(*ini, L"a", L"k", L"w");
+  ini->write();
+  EXPECT_TRUE(fs::is_symlink(path));
+  EXPECT_EQ(fileBytes(folder / "target"), "[a]\nk=w\n\n");
+}
+
+TEST_F(AnIni2Test, TargetOfASymbolicLinkIsMade) {
+  fs::create_symlink("target", path);
+  auto const ini = openMissing();
+  set(*ini, L"a", L"k", L"v");
+  ini->write();
+  EXPECT_TRUE(fs::is_symlink(path));
+  EXPECT_EQ(fileBytes(folder / "target"), "[a]\nk=v\n\n");
+}
+
+TEST_F(AnIni2Test, FileThatCannotBeOpenedLosesTheChangesQuietly) {
+  fs::create_directory(folder / "folder");
+  ASSERT_EQ(::mkfifo((folder / "fifo").c_str(), 0600), 0);
+  fs::create_symlink("nowhere/target", folder / "link");
+  fs::create_symlink("loop", folder / "loop");
+  for (char const* const name :
+       {"folder", "fifo", "missing/file.ini", "missing/", "link", "loop", "fifo/file.ini"}) {
+    AnIni2 ini{AString(folder.wide(name))};
+    recorder.clear();
+    set(ini, L"a", L"k", L"v");
+    ini.write();
+    ini.close();
+    EXPECT_TRUE(recorder.records().empty()) << name;
+    EXPECT_EQ(entries(), 4U) << name;
+  }
+}
+
+TEST_F(AnIni2Test, EmptyFileNameLosesTheChangesQuietly) {
+  AnIni2 ini{AString(L"")};
+  EXPECT_TRUE(ini.parsed());
+  set(ini, L"a", L"k", L"v");
+  ini.close();
+  EXPECT_TRUE(recorder.records().empty());
+}
+
+TEST_F(AnIni2Test, FailedWriteIsLogged) {
+  if (!fs::exists("/dev/full")) GTEST_SKIP() << "the host has no /dev/full";
+  fs::create_symlink("/dev/full", path);
+  auto const ini = openMissing();
+  set(*ini, L"a", L"k", L"v");
+  ini->write();
+  EXPECT_EQ(recorder.records(), (Records{kWriting, errorRecord(L"ini", L"Error trace:"),
+                                         errorRecord(L"ini", L" [write," + widePath + L"]->"),
+                                         errorRecord(L"ini", L"  No space left on device")}));
+  recorder.clear();
+  ini->close();
+  EXPECT_TRUE(recorder.records().empty());
+}
+
+TEST_F(AnIni2Test, DeviceIsWrittenInPlace) {
+  fs::create_symlink("/dev/null", path);
+  auto const ini = openMissing();
+  set(*ini, L"a", L"k", L"v");
+  ini->close();
+  EXPECT_EQ(recorder.records(), Records{kWriting});
+  EXPECT_TRUE(fs::is_character_file("/dev/null"));
+}
+
+/// The variable LC_ALL is C.UTF-8 and the locale C, for the length of a scope.
+class AnIni2LocaleTest : public AnIni2Test {
+protected:
+  AnIni2LocaleTest() {
+    if (char const* const value = std::getenv("LC_ALL")) before_ = value;
+    ::setenv("LC_ALL", "C.UTF-8", /*overwrite=*/1);
+  }
+
+  ~AnIni2LocaleTest() override {
+    if (before_.empty()) {
+      ::unsetenv("LC_ALL");
+    } else {
+      ::setenv("LC_ALL", before_.c_str(), /*overwrite=*/1);
+    }
+  }
+
+private:
+  std::string before_;
+};
+
+TEST_F(AnIni2LocaleTest, WritingTakesTheLocaleOfTheEnvironment) {
+  auto const ini = openMissing();
+  set(*ini, L"a", L"k", L"v");
+  LocaleScope const scope("C");
+  ini->write();
+  EXPECT_STREQ(std::setlocale(LC_ALL, nullptr), "C.UTF-8");
+}
+
+TEST_F(AnIni2LocaleTest, FailedOpenLeavesTheLocale) {
+  AnIni2 ini{AString(folder.wide("missing/file.ini"))};
+  set(ini, L"a", L"k", L"v");
+  LocaleScope const scope("C");
+  ini.write();
+  EXPECT_STREQ(std::setlocale(LC_ALL, nullptr), "C");
+}
+
+// Not parsed.
+
+TEST_F(AnIni2Test, BrokenFileHasNoMap) {
+  auto const ini = open("[a]\nk=v\n]\n");
+  Map map{{L"kept", {}}};
+  EXPECT_FALSE(ini->getIniMap(map));
+  EXPECT_EQ(map, (Map{{L"kept", {}}}));
+  EXPECT_EQ(recorder.records(), Records{errorRecord(L"ini", kNotParsed)});
+}
+
+TEST_F(AnIni2Test, BrokenFileIsReadByTheProfileFunctions) {
+  auto const ini = open("[a]\nk=v\n]\n");
+  EXPECT_EQ(valueOf(*ini, L"A", L"K"), L"v");
+  AString value;
+  recorder.clear();
+  EXPECT_FALSE(ini->getExisting(AString(L"a"), AString(L"x"), value));
+  EXPECT_EQ(recorder.plainErrors(),
+            Records{errorRecord(L"ini",
+                                L"Couldn't read required section \"a\", setting \"x\" of file \"" +
+                                    widePath + L"\"")});
+}
+
+TEST_F(AnIni2Test, BrokenFileIsWrittenByTheProfileFunctions) {
+  auto const ini = open("; comment\n[a]\nk=v\n]\n");
+  set(*ini, L"a", L"k", L"w");
+  EXPECT_EQ(bytes(), "; comment\n[a]\nk=w\n]\n");
+  ini->close();
+  EXPECT_EQ(bytes(), "; comment\n[a]\nk=w\n]\n");
+}
+
+}  // namespace

@@ -1,0 +1,3 @@
+vrxutil_test(ini ini_test)
+vrxutil_test(ini ini2_parser_test)
+vrxutil_test(ini ini2_test)
