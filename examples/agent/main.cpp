@@ -6,13 +6,19 @@
 //   agent --make-config CONFIG   writes a configuration to begin with
 //   agent --help                 prints these three lines
 //
+// Then it lists the files of its work folder (work_folder.h), as its settings say
+// (settings.h). What it prints is in the language of the locale (messages.h).
+//
 // The log is agent.log in the folder `log` of the agent's data folder; it says
-// why something failed. Exit status: 0 when all is well, 1 when a task failed or
-// the file could not be written back, 2 when the arguments or the configuration
-// were refused and nothing has been done.
+// why something failed. Exit status: 0 when all is well, 1 when a task or the list
+// failed or a file could not be written back, 2 when the arguments, the
+// configuration or the settings were refused and nothing has been done.
 
 #include "examples/agent/configuration.h"
+#include "examples/agent/messages.h"
+#include "examples/agent/settings.h"
 #include "examples/agent/tasks.h"
+#include "examples/agent/work_folder.h"
 
 #include <vrxutil/log.h>
 #include <vrxutil/text.h>
@@ -23,6 +29,7 @@
 #include <ctime>
 #include <exception>
 #include <string_view>
+#include <utility>
 
 #include <time.h>
 #include <unistd.h>
@@ -30,15 +37,13 @@
 namespace {
 
 using agent::Configuration;
+using agent::Message;
 using agent::Outcome;
+using agent::Settings;
 
 enum ExitStatus { allDone = 0, taskFailed = 1, refused = 2 };
 
 constexpr wchar_t kGroup[] = L"Agent";
-constexpr wchar_t kUsage[] =
-    L"usage: agent CONFIG\n"
-    L"       agent --make-config CONFIG\n"
-    L"       agent --help";
 
 /// One line for people, in the encoding of the locale.
 void print(std::FILE* stream, AString const& line) {
@@ -70,6 +75,19 @@ AString row(AString type, AString path, AString before, AString after, AString c
   return {cells};
 }
 
+/// What people read for the status that a task has in the configuration.
+AString statusText(AString const& status) {
+  constexpr std::pair<wchar_t const*, Message> kTexts[] = {
+      {L"done", Message::statusDone},
+      {L"failed", Message::statusFailed},
+      {L"disabled", Message::statusDisabled},
+  };
+  for (auto const& [name, message] : kTexts) {
+    if (status.const_cpp_str() == name) return agent::text(message);
+  }
+  return status;
+}
+
 /// Carries out the enabled tasks and notes in each what became of it.
 class Pass {
 public:
@@ -77,8 +95,11 @@ public:
       : root_(configuration.root()), folder_(configuration.folder()) {}
 
   void run() {
-    table_ << (AString(L"Last run: ") << valueOr(root_, L"last-run", L"never"));
-    table_ << row(L"task", L"file", L"before", L"now", L"result");
+    table_ << (agent::text(Message::lastRun)
+               << valueOr(root_, L"last-run", agent::text(Message::never)));
+    table_ << row(agent::text(Message::taskColumn), agent::text(Message::fileColumn),
+                  agent::text(Message::beforeColumn), agent::text(Message::nowColumn),
+                  agent::text(Message::resultColumn));
     AnXmlChildIndex tasks(&root_, L"task");
     while (tasks.moveNext(nullptr, nullptr)) runOne(tasks);
     root_.setValue(L"last-run", now());
@@ -86,9 +107,7 @@ public:
 
   /// A row for each task, and the totals.
   AString summary() const {
-    AString text(table_);
-    text << done_ << L" done, " << failed_ << L" failed, " << disabled_ << L" disabled";
-    return text;
+    return AString(table_) << (agent::text(Message::totals) << done_ << failed_ << disabled_);
   }
 
   bool anyFailed() const { return failed_ > 0; }
@@ -107,56 +126,75 @@ private:
       ++disabled_;
       task.setValue(L"status", L"disabled");
     }
-    table_ << row(valueOr(task, L"type", L"?"), valueOr(task, L"path", L"?"), before,
-                  valueOr(task, L"status", L"?"), result);
+    table_ << row(valueOr(task, L"type", L"?"), valueOr(task, L"path", L"?"), statusText(before),
+                  statusText(valueOr(task, L"status", L"?")), result);
   }
 
   AnXmlNode root_;
   AString folder_;
   AStringList table_{L"\n", /*afterEach=*/true};
-  long done_ = 0;
-  long failed_ = 0;
-  long disabled_ = 0;
+  int done_ = 0;
+  int failed_ = 0;
+  int disabled_ = 0;
 };
+
+/// Tells about a file, and gives the status.
+ExitStatus complain(Message message, AString const& fileName, ExitStatus status) {
+  print(stderr, agent::text(message) << fileName);
+  return status;
+}
+
+/// A line about the work folder, if there is one; false when something failed.
+bool runWorkFolder(Settings& settings) {
+  AString summary;
+  bool const listed = agent::listWorkFolder(settings, &summary);
+  if (summary.size() > 0) print(stdout, summary);
+  if (!listed) print(stderr, agent::text(Message::workFolderFailed));
+  return listed;
+}
 
 ExitStatus runAgent(AString const& fileName) {
   Configuration configuration;
+  Settings settings;
   if (!configuration.load(fileName)) {
-    print(stderr, AString(L"agent: configuration refused: ") << fileName << L" (see the log)");
-    return refused;
+    return complain(Message::configurationRefused, fileName, refused);
   }
+  if (!settings.load()) return complain(Message::settingsRefused, settings.fileName(), refused);
+
   Pass pass(configuration);
   pass.run();
+  ExitStatus status = pass.anyFailed() ? taskFailed : allDone;
   bool const saved = configuration.save();
   print(stdout, pass.summary());
-  if (!saved) print(stderr, AString(L"agent: cannot write ") << fileName << L" (see the log)");
-  return saved && !pass.anyFailed() ? allDone : taskFailed;
+  if (!saved) status = complain(Message::cannotWrite, fileName, taskFailed);
+  if (!runWorkFolder(settings)) status = taskFailed;
+  if (!settings.save()) status = complain(Message::cannotWrite, settings.fileName(), taskFailed);
+  return status;
 }
 
 ExitStatus makeConfiguration(AString const& fileName) {
   if (::access(ACharString(fileName), F_OK) == 0) {
-    print(stderr, AString(L"agent: exists already: ") << fileName);
-    return refused;
+    return complain(Message::existsAlready, fileName, refused);
   }
   if (agent::writeStarterConfiguration(fileName)) return allDone;
-  print(stderr, AString(L"agent: cannot write ") << fileName << L" (see the log)");
-  return refused;
+  return complain(Message::cannotWrite, fileName, refused);
 }
 
 int run(int argumentCount, char** arguments) {
   ADetailTrace const trace(kGroup, L"run");
+  agent::openMessages();
   std::string_view const first = argumentCount > 1 ? arguments[1] : "";
   if (argumentCount == 3 && first == "--make-config") {
     return makeConfiguration(AString(arguments[2]));
   }
   if (argumentCount == 2 && first == "--help") {
-    print(stdout, kUsage);
+    print(stdout, agent::text(Message::usage));
     return allDone;
   }
   if (argumentCount == 2 && !first.empty() && first[0] != '-') {
     return runAgent(AString(arguments[1]));
   }
-  print(stderr, kUsage);
+  print(stderr, agent::text(Message::usage));
   return refused;
 }
 

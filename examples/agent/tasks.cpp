@@ -1,6 +1,7 @@
 #include "examples/agent/tasks.h"
 
 #include "examples/agent/checksum.h"
+#include "examples/agent/messages.h"
 #include "examples/agent/whole_file.h"
 
 #include <vrxutil/binary.h>
@@ -60,16 +61,18 @@ bool descend(AnXmlNode* node, wchar_t const* path) {
 
 Outcome checksum(AnXmlNode& task, AString const& folder) {
   AString path;
-  if (!getPath(task, L"path", folder, &path)) return failed(L"the task has no path");
+  if (!getPath(task, L"path", folder, &path)) return failed(text(Message::noPath));
   ABuffer bytes("");
-  if (!readWholeFile(path, &bytes)) return failed(L"the file cannot be read");
+  if (!readWholeFile(path, &bytes)) return failed(text(Message::fileUnreadable));
 
   AString const now = AFormat(static_cast<long>(crc32(bytes)), L"x0", 8);
   AString before;
-  wchar_t const* verdict = L"seen for the first time";
-  if (task.tryGetValue(L"crc32", &before)) verdict = equal(before, now) ? L"unchanged" : L"changed";
+  Message verdict = Message::firstSeen;
+  if (task.tryGetValue(L"crc32", &before)) {
+    verdict = equal(before, now) ? Message::unchanged : Message::changed;
+  }
   task.setValue(L"crc32", now);
-  return done(AString(L"crc32 ") << now << L", " << bytes.size() << L" bytes, " << verdict);
+  return done(text(Message::checksum) << now << AString(bytes.size()) << text(verdict));
 }
 
 /// Appends copies of the wanted children to `report`; gives their names as a list.
@@ -93,10 +96,8 @@ AString copyMatches(AnXmlNode const& parent, wchar_t const* name, wchar_t const*
     names << label;
     report->copyAsChild(&children);
   }
-  AString summary;
-  summary << copied << L" of " << total << L" copied";
-  if (copied > 0) summary << L": " << names;
-  return summary;
+  return text(copied > 0 ? Message::copiedWithList : Message::copied)
+         << AString(copied) << AString(total) << names;
 }
 
 Outcome collect(AnXmlNode& task, AString const& folder) {
@@ -106,26 +107,26 @@ Outcome collect(AnXmlNode& task, AString const& folder) {
   AString where;
   if (!getPath(task, L"path", folder, &path) || !getPath(task, L"report", folder, &reportPath) ||
       !task.getExistingValue(L"element", &element)) {
-    return failed(L"the task is incomplete");
+    return failed(text(Message::taskIncomplete));
   }
   task.tryGetValue(L"where", &where);
 
   AnXml source;
   if (!source.useExistingFile(path, nullptr, nullptr, nullptr)) {
-    return failed(L"the file cannot be read");
+    return failed(text(Message::fileUnreadable));
   }
   AString parents;
   AString name;
   parseInTwoFromRight(element, &parents, L"/", &name, /*wholeToLeft=*/false);
   AnXmlNode parent(&source);
-  if (!isNamed(name) || !descend(&parent, parents)) return failed(L"the file has no such element");
+  if (!isNamed(name) || !descend(&parent, parents)) return failed(text(Message::noSuchElement));
 
   AnXml report;
-  if (!report.useNew(L"report", L"source", path)) return failed(L"no report");
+  if (!report.useNew(L"report", L"source", path)) return failed(text(Message::noReport));
   AnXmlNode reportRoot(&report);
   AString const summary = copyMatches(parent, name, where, &reportRoot);
   if (!report.writeFile(reportPath, /*encrypt=*/false, /*generateFlag=*/true)) {
-    return failed(L"the report cannot be written");
+    return failed(text(Message::reportUnwritable));
   }
   return done(summary);
 }
@@ -154,24 +155,24 @@ Outcome set(AnXmlNode& task, AString const& folder) {
   AString values;
   if (!getPath(task, L"path", folder, &path) || !task.getExistingValue(L"element", &element) ||
       !task.getExistingValue(L"values", &values)) {
-    return failed(L"the task is incomplete");
+    return failed(text(Message::taskIncomplete));
   }
 
   AnXml document;
   if (!document.useExistingFile(path, nullptr, nullptr, nullptr)) {
-    return failed(L"the file cannot be read");
+    return failed(text(Message::fileUnreadable));
   }
   AnXmlNode node(&document);
-  if (!descend(&node, element)) return failed(L"the file has no such element");
+  if (!descend(&node, element)) return failed(text(Message::noSuchElement));
 
   AStringList changes(L", ", /*afterEach=*/false);
-  if (!setValues(&node, values, &changes)) return logFailure(L"a value has no name");
+  if (!setValues(&node, values, &changes)) return logFailure(text(Message::valueWithoutName));
   AString const changed(changes);
-  if (changed.size() == 0) return done(L"nothing to change");
+  if (changed.size() == 0) return done(text(Message::nothingToChange));
   if (!document.writeFile(path, /*encrypt=*/false, /*generateFlag=*/true)) {
-    return failed(L"the file cannot be written");
+    return failed(text(Message::fileUnwritable));
   }
-  return done(AString(L"set ") << changed);
+  return done(text(Message::valuesSet) << changed);
 }
 
 Outcome encrypt(AnXmlNode& task, AString const& folder) {
@@ -179,23 +180,24 @@ Outcome encrypt(AnXmlNode& task, AString const& folder) {
   AString path;
   AString outputPath;
   if (!getPath(task, L"path", folder, &path) || !getPath(task, L"output", folder, &outputPath)) {
-    return failed(L"the task is incomplete");
+    return failed(text(Message::taskIncomplete));
   }
   Bytes plain(0, nullptr);
-  if (!readWholeFile(path, &plain)) return failed(L"the file cannot be read");
+  if (!readWholeFile(path, &plain)) return failed(text(Message::fileUnreadable));
 
   Bytes sealed(0, nullptr);
-  if (!ACryptWrap::encryptDataBuffer(plain, sealed)) return logFailure(L"encryption failed");
-  if (!writeWholeFile(outputPath, sealed)) return failed(L"the copy cannot be written");
+  if (!ACryptWrap::encryptDataBuffer(plain, sealed))
+    return logFailure(text(Message::encryptionFailed));
+  if (!writeWholeFile(outputPath, sealed)) return failed(text(Message::copyUnwritable));
 
   // The copy is of use only if it can be opened again.
   Bytes written(0, nullptr);
   Bytes opened(0, nullptr);
-  if (!readWholeFile(outputPath, &written)) return failed(L"the copy cannot be read");
+  if (!readWholeFile(outputPath, &written)) return failed(text(Message::copyUnreadable));
   if (!ACryptWrap::decryptDataBuffer(written, opened) || opened.cpp_str() != plain.cpp_str()) {
-    return logFailure(L"the copy does not decrypt");
+    return logFailure(text(Message::copyDoesNotDecrypt));
   }
-  return done(AString() << plain.size() << L" bytes sealed in " << sealed.size());
+  return done(text(Message::sealed) << AString(plain.size()) << AString(sealed.size()));
 }
 
 struct TaskType {
@@ -214,12 +216,12 @@ constexpr std::array<TaskType, 4> kTaskTypes{{
 
 Outcome runTask(AnXmlNode& task, AString const& folder) {
   AString name;
-  if (!task.getExistingValue(L"type", &name)) return failed(L"the task has no type");
+  if (!task.getExistingValue(L"type", &name)) return failed(text(Message::noType));
   ADetailTrace const trace(kGroup, AStringList(L",", /*afterEach=*/false) << L"runTask" << name);
   for (TaskType const& type : kTaskTypes) {
     if (equal(name, type.name)) return type.run(task, folder);
   }
-  return logFailure(AString(L"unknown type of task: ") << name);
+  return logFailure(text(Message::unknownType) << name);
 }
 
 }  // namespace agent

@@ -1,9 +1,9 @@
 #include "examples/agent/whole_file.h"
 
+#include <vrxutil/file.h>
 #include <vrxutil/log.h>
 #include <vrxutil/text.h>
 
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <memory>
@@ -16,7 +16,7 @@ namespace agent {
 namespace {
 
 constexpr wchar_t kGroup[] = L"Agent";
-constexpr unsigned long kMaxSizeInBytes = 64UL * 1024 * 1024;
+constexpr off_t kMaxSizeInBytes = 64L * 1024 * 1024;
 
 struct CloseFile {
   // What was written has been flushed, and that was checked.
@@ -30,13 +30,27 @@ AString traceText(wchar_t const* call, wchar_t const* fileName) {
   return {AStringList(L",", /*afterEach=*/false) << call << fileName};
 }
 
+bool isRegular(struct stat const& status) {
+  if (S_ISREG(status.st_mode)) return true;
+  logError(kGroup, L"not a regular file");
+  return false;
+}
+
+bool mayBeRead(wchar_t const* fileName) {
+  ADetailTrace const trace(kGroup, traceText(L"stat", fileName));
+  struct stat status;
+  if (logErrnoIf(kGroup, ::stat(ACharString(fileName), &status) != 0)) return false;
+  if (!isRegular(status)) return false;
+  bool const isTooLarge = status.st_size > kMaxSizeInBytes;
+  if (isTooLarge) errno = EFBIG;
+  return !logErrnoIf(kGroup, isTooLarge);
+}
+
 bool mayBeReplaced(wchar_t const* fileName) {
   ADetailTrace const trace(kGroup, traceText(L"lstat", fileName));
   struct stat status;
   if (::lstat(ACharString(fileName), &status) != 0) return !logErrnoIf(kGroup, errno != ENOENT);
-  if (S_ISREG(status.st_mode)) return true;
-  logError(kGroup, L"not a regular file");
-  return false;
+  return isRegular(status);
 }
 
 /// Makes the file, which must not exist yet, and sees it to the disk.
@@ -53,16 +67,7 @@ bool writeNewFile(wchar_t const* fileName, ABuffer const& bytes) {
 }  // namespace
 
 bool readWholeFile(wchar_t const* fileName, ABuffer* bytes) {
-  ADetailTrace const trace(kGroup, traceText(L"fread", fileName));
-  File const file(std::fopen(ACharString(fileName), "rb"));
-  if (logErrnoIf(kGroup, file == nullptr)) return false;
-  std::array<unsigned char, 16384> block;
-  while (std::size_t const count = std::fread(block.data(), 1, block.size(), file.get())) {
-    if (!bytes->tryExpandBy(count, block.data())) return false;
-    if (bytes->size() > kMaxSizeInBytes) errno = EFBIG;
-    if (logErrnoIf(kGroup, bytes->size() > kMaxSizeInBytes)) return false;
-  }
-  return !logErrnoIf(kGroup, std::ferror(file.get()) != 0);
+  return mayBeRead(fileName) && AFile::read(/*reportMissing=*/true, fileName, *bytes);
 }
 
 bool writeWholeFile(wchar_t const* fileName, ABuffer const& bytes) {

@@ -1,6 +1,7 @@
 // Files read and written whole, as bytes.
 //
-// Errors: logged under "Agent", with the system's text; the result is false.
+// Errors: logged under "Agent" or "File", with the system's text; the result is
+// false.
 
 #pragma once
 
@@ -8,7 +9,8 @@
 
 namespace agent {
 
-/// Appends what the file holds to `bytes`. A file beyond 64 MiB is an error.
+/// Gives what the file holds. What is no regular file, as a pipe or a device, and
+/// a file beyond 64 MiB are errors.
 bool readWholeFile(wchar_t const* fileName, ABuffer* bytes);
 
 /// Writes a temporary neighbour and renames it over the file: after a failure,

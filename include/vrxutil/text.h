@@ -1,5 +1,6 @@
 // Wide text: AString and its field descriptor AFormat, narrow copies for calls
-// into the operating system, lists joined by separators, cutting text in parts.
+// into the operating system, lists joined by separators, cutting text in parts,
+// messages from catalogues.
 //
 // One wchar_t is one UTF-32 character; lengths count characters, not bytes.
 // Narrow text is in the encoding of the C locale (POSIX mbstowcs, wcrtomb),
@@ -25,7 +26,8 @@
 
 #include <string>
 
-#include <wctype.h>  // towlower, towupper
+#include <nl_types.h>  // nl_catd
+#include <wctype.h>    // towlower, towupper
 
 /// One formatted field: a number or a text, with printf's width and precision.
 ///
@@ -281,6 +283,98 @@ private:
 public:
   /// The delimiter that ended the last token; 0 when that ran to the end.
   wchar_t lastDelimiter;
+};
+
+/// A message catalogue of the platform (POSIX catopen), open while the object lives.
+///
+/// Messages are those of set 1, in UTF-8. Every call opens a detail scope under
+/// "RcFile". Threads: any number may call getString() at once while no other
+/// member runs.
+class VRXUTIL_EXPORT AResourceFile {
+public:
+  /// Not open.
+  AResourceFile();
+
+  /// close().
+  ~AResourceFile();
+
+  AResourceFile(AResourceFile const&) = delete;
+  AResourceFile& operator=(AResourceFile const&) = delete;
+
+  /// Opens a catalogue. A path with a slash is the file itself. A bare name is
+  /// looked for along the environment variable NLSPATH, and in the system's
+  /// folders, in the language of the locale's category LC_MESSAGES (POSIX XBD
+  /// 8.2), which setlocale() must have set. False, with an error under "RcFile",
+  /// when there is none, or under "Xml" when the path is no Unicode. A catalogue
+  /// that is open stays so after a failure, and a success does not close it
+  /// either: close() it first. The second argument has no meaning.
+  ///
+  /// The file is mapped into memory: replace it by renaming, never write into it.
+  bool openExisting(wchar_t const* path, unsigned short unused);
+
+  /// Closes the catalogue, if one is open.
+  void close();
+
+  /// Loads message `id` into `text` and returns its characters, which are valid as
+  /// long as `text` is unchanged. A missing message, or any when nothing is open,
+  /// is an error under "RcFile" and gives "<id>". So does one that is not UTF-8,
+  /// whose error is under "Xml". A message whose text is "~`~`~`~`~`" counts as
+  /// missing. `text` must not be null.
+  wchar_t const* getString(int id, AString* text) const;
+
+private:
+  nl_catd catalogue;
+};
+
+/// A message with placeholders "%1" to "%9", filled by operator<< in this order:
+///
+///   ALocalizedString message(L"File %1 not found in %2");
+///   message << name << folder;
+///
+/// A placeholder may stand anywhere, also before a lower one, and several times.
+/// Any other "%" stays as it is, and nothing stands for a literal "%1". Text that
+/// an argument brings in is looked through for the next placeholders, too.
+///
+/// Other types surprise: `<< 'x'` is the number 120, write L'x'; `<< 5L` is
+/// ambiguous, cast to int; `<< text` of an AString ends at its first NUL.
+class VRXUTIL_EXPORT ALocalizedString : public AString {
+public:
+  /// The catalogue of ALocalizedString(int); null until it is set. Not owned.
+  static AResourceFile* DefaultResourceFile;
+
+  /// An empty text.
+  ALocalizedString() = default;
+
+  /// The given text, for messages that are in no catalogue.
+  ALocalizedString(wchar_t const* text);
+
+  /// Message `id` of the default catalogue, as AResourceFile::getString() says.
+  /// Without one: "Error:  Uninitialized resource file.", and nothing is logged.
+  ALocalizedString(int id);
+
+  /// The same of the catalogue `file`; null is treated as no default is.
+  ALocalizedString(int id, AResourceFile* file);
+
+  /// Starts afresh with message `id` of `file`.
+  ALocalizedString& open(int id, AResourceFile const& file);
+
+  /// Sets the default catalogue, which must outlive its use, or none by null.
+  /// Call it before other threads use ALocalizedString(int): there is no lock.
+  static void setDefaultResourceFile(AResourceFile* file);
+
+  /// Puts the argument in the place of each next placeholder. A tenth argument
+  /// has no placeholder and changes nothing. Numbers are decimal, pointers eight
+  /// hexadecimal digits, narrow text is converted as AString does.
+  ALocalizedString& operator<<(wchar_t const* argument);
+  ALocalizedString& operator<<(char const* argument);
+  ALocalizedString& operator<<(int argument);
+  ALocalizedString& operator<<(void* argument);
+  ALocalizedString& operator<<(wchar_t argument);
+
+private:
+  ALocalizedString& fill(AString const& argument);
+
+  int nextArgument = 1;
 };
 
 /// Compares without regard to case, folded to upper case by towupper; negative,

@@ -1,7 +1,10 @@
 // The sample agent as its user sees it: arguments, files, what it prints, its exit
 // status and its log. script/demo has the usual course of things; this has the rest.
 
+#include "examples/agent/messages.h"
 #include "tests/support/temporary_folder.h"
+
+#include <vrxutil/text.h>
 
 #include <gtest/gtest.h>
 
@@ -9,12 +12,14 @@
 #include <cstdlib>
 #include <filesystem>
 #include <ostream>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -55,9 +60,9 @@ protected:
   }
 
   /// Runs the agent on a configuration with these tasks.
-  Result runTasks(std::string const& tasks) {
+  Result runTasks(std::string const& tasks, std::string const& before = "") {
     makeFile(folder / "agent.xml", "<agent version=\"1\">" + tasks + "</agent>");
-    return run("agent.xml");
+    return run("agent.xml", before);
   }
 
   /// The log, without time, process and thread.
@@ -239,9 +244,9 @@ INSTANTIATE_TEST_SUITE_P(
         FailingTask{"ChecksumOfMissingFile", "type='checksum' path='no.xml'", "checksum", "no.xml",
                     kNoFile, "[Agent]   No such file or directory"},
         FailingTask{"ChecksumOfFolder", "type='checksum' path='.'", "checksum", ".", kNoFile,
-                    "[Agent]   Is a directory"},
+                    "[Agent]   not a regular file"},
         FailingTask{"ChecksumOfEndlessFile", "type='checksum' path='/dev/zero'", "checksum",
-                    "/dev/zero", kNoFile, "[Agent]   File too large"},
+                    "/dev/zero", kNoFile, "[Agent]   not a regular file"},
         FailingTask{"CollectWithoutReport", "type='collect' path='host.xml' element='package'",
                     "collect", "host.xml", kIncomplete,
                     "[XmlNode]   getValue: required attribute not found: report"},
@@ -436,6 +441,249 @@ TEST_F(AgentTest, MakeConfigNeedsTheFolder) {
   EXPECT_EQ(lastError(),
             "error [Xml]   Exception writing file: cannot open the folder of no/agent.xml: No "
             "such file or directory");
+}
+
+TEST_F(AgentTest, PipeIsNotWaitedFor) {
+  ASSERT_EQ(::mkfifo((folder / "pipe").c_str(), 0600), 0);
+  Result const result = runTasks("<task type='checksum' enabled='true' path='pipe'/>");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(lastError(), "error [Agent]   not a regular file");
+}
+
+TEST_F(AgentTest, TooLargeFileIsNotRead) {
+  constexpr off_t kLimit = 64L * 1024 * 1024;
+  makeFile(folder / "large", "");
+  ASSERT_EQ(::truncate((folder / "large").c_str(), kLimit + 1), 0);
+  Result const result = runTasks("<task type='checksum' enabled='true' path='large'/>");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(lastError(), "error [Agent]   File too large");
+}
+
+/// The agent with nothing to do but to list its work folder.
+class AgentWorkFolderTest : public AgentTest {
+protected:
+  AgentWorkFolderTest() {
+    fs::create_directory(data / "etc");
+    fs::create_directory(data / "work");
+  }
+
+  void set(std::string const& settings) { makeFile(settingsFile(), settings); }
+
+  std::string settingsFile() const { return data / "etc/agent.ini"; }
+
+  /// What is printed below the totals.
+  std::string lastLine(std::string const& before = "") {
+    result = runTasks("", before);
+    std::string const top =
+        std::string("Last run: never\n") + kHeading + "0 done, 0 failed, 0 disabled\n";
+    EXPECT_EQ(result.output.substr(0, top.size()), top);
+    return result.output.substr(std::min(top.size(), result.output.size()));
+  }
+
+  std::string listed(std::string const& files, std::string const& before,
+                     std::string const& list = "work.txt") const {
+    return "Work folder: " + files + " files, " + before + " before, listed in " + data / list +
+           "\n";
+  }
+
+  Result result;
+};
+
+constexpr char kWorkFolderFailed[] = "Work folder: it cannot be listed (see the log)\n";
+
+TEST_F(AgentWorkFolderTest, IsListedInTheOrderOfTheNames) {
+  makeFile(data / "work/b", "123456789");
+  makeFile(data / "work/a", "");
+  makeFile(data / "work/\xC3\xA4 \xE2\x82\xAC", "x");
+  fs::create_directory(data / "work/folder");
+  EXPECT_EQ(lastLine("export LC_ALL=C.UTF-8"), listed("3", "0"));
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.errors, "");
+  EXPECT_EQ(fileBytes(data / "work.txt"),
+            "00000000 0 a\ncbf43926 9 b\n8cdc1683 1 \xC3\xA4 \xE2\x82\xAC\n");
+  EXPECT_EQ(fileBytes(settingsFile()), "[work]\nfiles=3\n\n");
+  EXPECT_FALSE(fs::exists(data / "scratch"));
+}
+
+TEST_F(AgentWorkFolderTest, NumberOfFilesIsKnownAtTheNextRun) {
+  makeFile(data / "work/a", "");
+  EXPECT_EQ(lastLine(), listed("1", "0"));
+  makeFile(data / "work/b", "");
+  EXPECT_EQ(lastLine(), listed("2", "1"));
+}
+
+TEST_F(AgentWorkFolderTest, EmptyFolderGivesAnEmptyList) {
+  EXPECT_EQ(lastLine(), listed("0", "0"));
+  EXPECT_EQ(fileBytes(data / "work.txt"), "");
+}
+
+TEST_F(AgentWorkFolderTest, MissingFolderIsNotMentioned) {
+  fs::remove(data / "work");
+  fs::remove(data / "etc");
+  EXPECT_EQ(lastLine(), "");
+  EXPECT_EQ(result.status, 0);
+  EXPECT_FALSE(fs::exists(data / "work.txt"));
+  EXPECT_FALSE(fs::exists(settingsFile()));
+  EXPECT_EQ(log(), Lines{"info [Log] Exit program"});
+}
+
+TEST_F(AgentWorkFolderTest, SettingsChooseFolderFilesAndList) {
+  set("[work]\nfolder = " + folder.path() + "\npattern = *.job\nlist = jobs\n[other]\nk=v\n");
+  makeFile(folder / "a.job", "1");
+  makeFile(folder / "b.txt", "2");
+  EXPECT_EQ(lastLine(), listed("1", "0", "jobs"));
+  EXPECT_EQ(fileBytes(data / "jobs"), "83dcefb7 1 a.job\n");
+  EXPECT_EQ(fileBytes(settingsFile()), "[other]\nk=v\n\n[work]\nfiles=1\nfolder=" + folder.path() +
+                                           "\nlist=jobs\npattern=*.job\n\n");
+}
+
+TEST_F(AgentWorkFolderTest, WhatACrashHasLeftIsRemoved) {
+  fs::create_directories(data / "scratch/deep/er");
+  makeFile(data / "scratch/new", "old");
+  makeFile(data / "scratch/deep/er/file", "old");
+  EXPECT_EQ(lastLine(), listed("0", "0"));
+  EXPECT_FALSE(fs::exists(data / "scratch"));
+}
+
+TEST_F(AgentWorkFolderTest, FileThatCannotBeReadIsLeftOutAndReported) {
+  makeFile(data / "work/a", "");
+  ASSERT_EQ(::mkfifo((data / "work/pipe").c_str(), 0600), 0);
+  EXPECT_EQ(lastLine(), listed("1", "0"));
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.errors, kWorkFolderFailed);
+  EXPECT_EQ(fileBytes(data / "work.txt"), "00000000 0 a\n");
+  EXPECT_EQ(lastError(), "error [Agent]   not a regular file");
+}
+
+TEST_F(AgentWorkFolderTest, ListThatCannotBeWrittenIsReported) {
+  set("[work]\nlist=no/list\n");
+  EXPECT_EQ(lastLine(), "");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.errors, kWorkFolderFailed);
+  EXPECT_EQ(lastError(), "error [Filer]   Failed");
+  EXPECT_EQ(fileBytes(settingsFile()), "[work]\nlist=no/list\n");
+  EXPECT_FALSE(fs::exists(data / "scratch"));
+}
+
+TEST_F(AgentWorkFolderTest, SettingsThatCannotBeWrittenAreReported) {
+  fs::remove(data / "etc");
+  makeFile(data / "etc", "a file in the folder's place");
+  EXPECT_EQ(lastLine(), listed("0", "0"));
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.errors, "agent: cannot write " + settingsFile() + " (see the log)\n");
+}
+
+struct RefusedSettings {
+  char const* name;
+  char const* contents;
+  char const* reason;
+};
+
+void PrintTo(RefusedSettings const& row, std::ostream* out) { *out << row.name; }
+
+class AgentSettingsTest : public AgentWorkFolderTest,
+                          public testing::WithParamInterface<RefusedSettings> {};
+
+TEST_P(AgentSettingsTest, AreRefusedAndLeftAlone) {
+  set(GetParam().contents);
+  makeFile(folder / "agent.xml", "<agent version='1'/>");
+  result = run("agent.xml");
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.output, "");
+  EXPECT_EQ(result.errors, "agent: settings refused: " + settingsFile() + " (see the log)\n");
+  Lines const expected{
+      "error [ini] internal error: " + std::string(GetParam().reason) + settingsFile() + " line 3",
+      "error [ini] internal error: Ini file not parsed in AnIni2",
+      "info [Log] Exit program",
+  };
+  EXPECT_EQ(log(), expected);
+  EXPECT_EQ(fileBytes(settingsFile()), GetParam().contents);
+  EXPECT_EQ(fileBytes(folder / "agent.xml"), "<agent version='1'/>");
+  EXPECT_FALSE(fs::exists(data / "work.txt"));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Refused, AgentSettingsTest,
+    testing::Values(RefusedSettings{"KeyAlone", "[work]\n\nfiles\n", "Unexpected: new line "},
+                    RefusedSettings{"NoKey", "[work]\n\n= 2\n", "Unexpected: '=' "},
+                    RefusedSettings{"NoSection", "[work]\n\n[]\n", "Unexpected: empty section "}),
+    testing::PrintToStringParamName());
+
+TEST_F(AgentWorkFolderTest, SettingsThatMayNotBeReadAreRefused) {
+  set("[work]\nfiles=5\n");
+  if (::geteuid() == 0) GTEST_SKIP() << "root may read everything";
+  fs::permissions(settingsFile(), fs::perms::none);
+  makeFile(folder / "agent.xml", "<agent version='1'/>");
+  result = run("agent.xml");
+  fs::permissions(settingsFile(), fs::perms::owner_all);
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(lastError(), "error [Agent]   no right to read " + settingsFile());
+  EXPECT_EQ(fileBytes(settingsFile()), "[work]\nfiles=5\n");
+}
+
+/// The environment of a language, for a shell.
+std::string speaking(std::string const& language, std::string const& catalogues) {
+  return "export LC_ALL=" + language + ".UTF-8 LOCPATH='" AGENT_LOCALES "' NLSPATH='" + catalogues +
+         "/%L/%N.cat'";
+}
+
+constexpr char kTask[] = "<task type='checksum' enabled='true' path='nine'/>";
+
+TEST_F(AgentTest, SpeaksGerman) {
+  makeFile(folder / "nine", "123456789");
+  Result const result = runTasks(kTask, speaking("de_DE", AGENT_CATALOGUES));
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.output,
+            "Letzter Lauf: nie\n  Aufgabe   Datei          vorher    jetzt     Ergebnis\n"
+            "  checksum  nine           -         erledigt  zum ersten Mal gesehen: crc32 "
+            "cbf43926, 9 Bytes\n1 erledigt, 0 gescheitert, 0 abgeschaltet\n");
+}
+
+TEST_F(AgentTest, SpeaksFrench) {
+  Result const result = run("missing.xml", speaking("fr_FR", AGENT_CATALOGUES));
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.errors,
+            "agent : configuration refus\xC3\xA9"
+            "e : missing.xml (voir le journal)\n");
+}
+
+TEST_F(AgentTest, SpeaksEnglishWithoutACatalogue) {
+  Result const result = run("--help", speaking("de_DE", folder.path()));
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.output, kUsage);
+  EXPECT_EQ(log().size(), 6U);  // an error trace of four lines that ends with:
+  EXPECT_EQ(lastError().substr(0, 17), "error [RcFile]   ");
+}
+
+// Else the placeholder of a translation would reach people, or an argument not.
+TEST(AgentMessagesTest, CataloguesHaveThePlaceholdersOfTheBuiltInTexts) {
+  auto const placeholders = [](AString const& text) {
+    std::multiset<wchar_t> found;
+    for (wchar_t const* c = text; *c != 0; ++c) {
+      if (c[0] == L'%') found.insert(c[1]);
+    }
+    return found;
+  };
+  for (std::string const language : {"de_DE", "fr_FR"}) {
+    AResourceFile catalogue;
+    std::string const path = AGENT_CATALOGUES "/" + language + ".UTF-8/agent.cat";
+    ASSERT_TRUE(catalogue.openExisting(AString(path.c_str()), 0));
+    for (int id = 1; id <= static_cast<int>(agent::Message::workFolderFailed); ++id) {
+      ASSERT_EQ(ALocalizedString::DefaultResourceFile, nullptr);
+      AString const builtIn = agent::text(static_cast<agent::Message>(id));
+      AString const translated = ALocalizedString(id, &catalogue);
+      EXPECT_EQ(placeholders(translated), placeholders(builtIn)) << language << ' ' << id;
+      AString const missing = AString(L"<") << id << L">";
+      EXPECT_NE(translated.const_cpp_str(), missing.const_cpp_str()) << language << ' ' << id;
+    }
+  }
+}
+
+TEST(AgentMessagesTest, MessageThatTheCatalogueLacksIsBuiltIn) {
+  AResourceFile empty;
+  ALocalizedString::setDefaultResourceFile(&empty);
+  EXPECT_EQ(agent::text(agent::Message::never).const_cpp_str(), L"never");
+  ALocalizedString::setDefaultResourceFile(nullptr);
 }
 
 }  // namespace

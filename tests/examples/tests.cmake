@@ -1,7 +1,11 @@
 # The sample agent: what script/demo shows, and what it leaves out.
 if(TARGET agent)
   vrxutil_test(examples agent_test)
-  target_compile_definitions(examples_agent_test PRIVATE AGENT_PROGRAM="$<TARGET_FILE:agent>")
+  target_sources(examples_agent_test PRIVATE "${PROJECT_SOURCE_DIR}/examples/agent/messages.cpp")
+  target_compile_definitions(examples_agent_test PRIVATE
+    AGENT_PROGRAM="$<TARGET_FILE:agent>"
+    AGENT_CATALOGUES="$<TARGET_FILE_DIR:agent>/catalogues"
+    AGENT_LOCALES="${VRXUTIL_LOCALES}")
   add_dependencies(examples_agent_test agent)
 
   add_test(NAME examples/demo
