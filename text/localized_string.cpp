@@ -1,6 +1,7 @@
 // AResourceFile and ALocalizedString.
 
 #include "linux/call_text.h"
+#include "linux/catalogue_file.h"
 #include "platform/common/file_io.h"
 
 #include <vrxutil/binary.h>
@@ -8,11 +9,7 @@
 #include <vrxutil/text.h>
 #include <vrxutil/xml.h>
 
-#include <algorithm>
-#include <array>
-#include <bit>
 #include <cerrno>
-#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -20,12 +17,12 @@
 #include <fcntl.h>
 #include <nl_types.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
 
 using vrxutil::detail::callText;
 using vrxutil::detail::Descriptor;
+using vrxutil::detail::isWholeCatalogue;
 using vrxutil::detail::openWithoutWaiting;
 
 constexpr wchar_t kGroup[] = L"RcFile";
@@ -45,61 +42,6 @@ nl_catd closedCatalogue() {
 
 AString digitsOf(nl_catd catalogue) { return {static_cast<void*>(catalogue)}; }
 
-#ifdef __GLIBC__
-
-/// Set, message, and where in the texts it starts.
-using CatalogueEntry = std::array<std::uint32_t, 3>;
-
-bool readAt(int fd, std::uint64_t offset, void* target, std::size_t size) {
-  return ::pread(fd, target, size, static_cast<off_t>(offset)) == static_cast<ssize_t>(size);
-}
-
-/// Whether `count` entries from `offset` on, but empty ones, have texts before `end`.
-bool entriesStayBefore(std::uint64_t end, int fd, std::uint64_t offset, std::uint64_t count) {
-  std::array<CatalogueEntry, 256> entries;
-  while (count > 0) {
-    std::size_t const part = std::min<std::uint64_t>(count, entries.size());
-    if (!readAt(fd, offset, entries.data(), part * sizeof(CatalogueEntry))) return false;
-    for (std::size_t i = 0; i < part; ++i) {
-      if (entries[i] != CatalogueEntry{} && entries[i][2] >= end) return false;
-    }
-    offset += part * sizeof(CatalogueEntry);
-    count -= part;
-  }
-  return true;
-}
-
-/// Whether a catalogue is whole. The GNU C Library believes its numbers: catopen()
-/// and catgets() read behind the end of a file that is cut or damaged, and divide
-/// by 0, which ends the process.
-///
-/// It is a magic number, width and depth of the tables; two tables of as many
-/// entries as their product, in little and in big endian; the texts.
-bool isWhole(int fd, std::uint64_t fileSize) {
-  constexpr std::uint32_t kMagic = 0x960408DE;
-  std::array<std::uint32_t, 3> header{};
-  if (!readAt(fd, 0, header.data(), sizeof header) || fileSize < sizeof header) return false;
-  auto* const ordered = Host2Le4(header[0]) == kMagic ? Host2Le4 : Host2Be4;
-  std::uint64_t const width = ordered(header[1]);
-  std::uint64_t const depth = ordered(header[2]);
-  std::uint64_t const most = (fileSize - sizeof header) / (2 * sizeof(CatalogueEntry));
-  if (ordered(header[0]) != kMagic || width == 0 || depth > most / width) return false;
-
-  std::uint64_t const tableSize = width * depth * sizeof(CatalogueEntry);
-  std::uint64_t const texts = sizeof header + 2 * tableSize;
-  std::uint64_t const table =
-      sizeof header + (std::endian::native == std::endian::little ? 0 : tableSize);
-  char last = 'x';
-  return depth != 0 && entriesStayBefore(fileSize - texts, fd, table, width * depth) &&
-         readAt(fd, fileSize - 1, &last, 1) && last == '\0';
-}
-
-#else
-
-bool isWhole(int /*fd*/, std::uint64_t /*fileSize*/) { return true; }
-
-#endif
-
 /// Whether a file may be given to catopen(), which would wait for ever at a FIFO
 /// without a writer. False with errno set.
 bool isCatalogue(std::string const& path) {
@@ -108,7 +50,8 @@ bool isCatalogue(std::string const& path) {
   Descriptor const file = openWithoutWaiting(path, O_RDONLY);
   if (!file || ::fstat(file.get(), &status) != 0) return false;
   errno = EINVAL;
-  return S_ISREG(status.st_mode) && isWhole(file.get(), static_cast<std::uint64_t>(status.st_size));
+  return S_ISREG(status.st_mode) &&
+         isWholeCatalogue(file.get(), static_cast<std::uint64_t>(status.st_size));
 }
 
 /// catopen(). A name without a slash is looked for by the C library alone, so that

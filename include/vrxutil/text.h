@@ -309,7 +309,9 @@ public:
   /// that is open stays so after a failure, and a success does not close it
   /// either: close() it first. The second argument has no meaning.
   ///
-  /// The file is mapped into memory: replace it by renaming, never write into it.
+  /// A path to what is no whole catalogue is EINVAL. What a bare name leads to is not
+  /// looked at first: the C library trusts what it finds along NLSPATH. The file is
+  /// mapped into memory: replace it by renaming, never write into it.
   bool openExisting(wchar_t const* path, unsigned short unused);
 
   /// Closes the catalogue, if one is open.
