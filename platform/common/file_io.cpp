@@ -50,13 +50,30 @@ auto uninterrupted(Function function) {
   }
 }
 
-Descriptor openFile(std::string const& path, int flags, mode_t mode = 0) {
-  return Descriptor(uninterrupted([&] { return ::open(path.c_str(), flags | O_CLOEXEC, mode); }));
+Descriptor openIn(int folder, std::string const& name, int flags, mode_t mode = 0) {
+  return Descriptor(
+      uninterrupted([&] { return ::openat(folder, name.c_str(), flags | O_CLOEXEC, mode); }));
 }
 
-bool isRegular(std::string const& path) {
+Descriptor openFile(std::string const& path, int flags) { return openIn(AT_FDCWD, path, flags); }
+
+bool isRegular(int folder, std::string const& name) {
   Status status{};
-  return ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+  return ::fstatat(folder, name.c_str(), &status, 0) == 0 && S_ISREG(status.st_mode);
+}
+
+Descriptor openInWithoutWaiting(int folder, std::string const& name, int flags, unsigned mode) {
+  auto const bits = static_cast<mode_t>(mode);
+  Descriptor file = openIn(folder, name, flags | O_NOCTTY | O_NONBLOCK, bits);
+  // Another process holds a lease on the file: the kernel has asked it to give
+  // way, and bounds the time that this may take (fcntl(2), F_SETLEASE).
+  if (!file && errno == EWOULDBLOCK && isRegular(folder, name)) {
+    return openIn(folder, name, flags | O_NOCTTY, bits);
+  }
+  if (!file) return file;
+  int const status = ::fcntl(file.get(), F_GETFL);
+  if (status < 0 || ::fcntl(file.get(), F_SETFL, status & ~O_NONBLOCK) < 0) return Descriptor();
+  return file;
 }
 
 bool isFolder(std::string const& path) {
@@ -105,14 +122,14 @@ bool makeUnpredictable(std::span<char> name) {
   return true;
 }
 
-/// A new file beside one that it is to replace; removed at the end of its scope
-/// unless it has.
+/// A new file beside an entry that it is to replace; removed at the end of its
+/// scope unless it has.
 class Neighbour {
 public:
-  Neighbour() = default;
+  explicit Neighbour(Entry const& target) : target_(target) {}
 
   ~Neighbour() {
-    if (!path_.empty()) ::unlink(path_.c_str());  // nobody is left to hear of a failure
+    if (!name_.empty()) ::unlinkat(folder(), name_.c_str(), 0);  // nobody is left to hear of it
   }
 
   Neighbour(Neighbour const&) = delete;
@@ -121,41 +138,44 @@ public:
   int get() const { return file_.get(); }
 
   /// False with errno set.
-  bool create(std::string const& target, mode_t mode);
+  bool create(mode_t mode);
 
   bool close() { return file_.close(); }
 
-  /// Takes the name of `target`; false with errno set.
-  bool rename(std::string const& target);
+  /// Takes the name of the target; false with errno set.
+  bool rename();
 
   /// The same where nothing has the name yet, else EEXIST.
-  bool renameToFree(std::string const& target);
+  bool renameToFree();
 
 private:
-  std::string path_;
+  int folder() const { return target_.folder.get(); }
+
+  Entry const& target_;
+  std::string name_;
   Descriptor file_;
 };
 
-bool Neighbour::create(std::string const& target, mode_t mode) {
+bool Neighbour::create(mode_t mode) {
   // A name of constant length: one made from the target's could be too long.
   std::array<char, 16> random;
   if (!makeUnpredictable(random)) return false;
-  std::string path(folderOf(target));
-  path.append(".vrxutil-").append(random.data(), random.size());
-  file_ = openFile(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, mode);
-  if (file_) path_ = std::move(path);
+  std::string name(".vrxutil-");
+  name.append(random.data(), random.size());
+  file_ = openIn(folder(), name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, mode);
+  if (file_) name_ = std::move(name);
   return static_cast<bool>(file_);
 }
 
-bool Neighbour::rename(std::string const& target) {
-  if (std::rename(path_.c_str(), target.c_str()) != 0) return false;
-  path_.clear();
+bool Neighbour::rename() {
+  if (::renameat(folder(), name_.c_str(), folder(), target_.name.c_str()) != 0) return false;
+  name_.clear();
   return true;
 }
 
-// link(2) decides in one step; the destructor takes the first name away.
-bool Neighbour::renameToFree(std::string const& target) {
-  return ::link(path_.c_str(), target.c_str()) == 0;
+// A link decides in one step; the destructor takes the first name away.
+bool Neighbour::renameToFree() {
+  return ::linkat(folder(), name_.c_str(), folder(), target_.name.c_str(), 0) == 0;
 }
 
 /// Whether a change of owner failed for want of a right to it, or of a name for
@@ -186,35 +206,61 @@ bool takeOver(int fd, Status const& old) {
   return (now.st_mode & kAllModeBits) == mode || ::fchmod(fd, mode) == 0;
 }
 
-/// Opens the folder of `target`, so that what happens to its names can be
-/// flushed. One that may be changed but not read cannot be: then `folder` is none.
-Failure openFolder(std::string const& target, Descriptor& folder) {
-  std::string_view const name = folderOf(target);
-  folder = openFile(name.empty() ? "." : std::string(name), O_RDONLY | O_DIRECTORY);
-  if (folder || errno == EACCES) return std::nullopt;
-  return lastError("open the folder of", target);
+/// What a folder is opened with that may be changed but not read.
+#if defined O_PATH
+constexpr int kSearchOnly = O_PATH;
+#elif defined O_SEARCH
+constexpr int kSearchOnly = O_SEARCH;
+#else
+constexpr int kSearchOnly = O_RDONLY;  // then that is an error here
+#endif
+
+/// The entry that `path` names; a symbolic link is one itself.
+Failure openEntryItself(std::string const& path, Entry& entry) {
+  std::string_view const folder = folderOf(path);
+  std::string const name = folder.empty() ? "." : std::string(folder);
+  entry.folder = openFile(name, O_RDONLY | O_DIRECTORY);
+  if (!entry.folder && errno == EACCES) entry.folder = openFile(name, kSearchOnly | O_DIRECTORY);
+  if (!entry.folder) return lastError("open the folder of", path);
+  entry.name = path.ends_with('/') ? "." : path.substr(folder.size());
+  entry.path = path;
+  return std::nullopt;
+}
+
+/// Looks at what is to be replaced; `old` stays null where there is nothing.
+/// ELOOP: it has become a link, or something else again, since it was followed.
+Failure lookAt(Entry const& entry, std::optional<Status>& old) {
+  Status status{};
+  if (::fstatat(entry.folder.get(), entry.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+    return errno == ENOENT ? Failure() : lastError("replace", entry.path);
+  }
+  if (!S_ISREG(status.st_mode)) return FileError{"replace", entry.path, ELOOP};
+  old = status;
+  return std::nullopt;
 }
 
 /// What to do with a name that is taken.
 enum class Taken { replace, refuse };
 
+/// Flushes what has happened to the names in a folder, where that can be done.
+Failure flushFolder(Entry const& entry) {
+  // EINVAL: this file system does not flush folders (fsync(2)). EBADF: the folder
+  // may not be read.
+  if (flush(entry.folder.get()) || errno == EINVAL || errno == EBADF) return std::nullopt;
+  return lastError("flush the folder of", entry.path);
+}
+
 /// Puts a new file in the place of a regular one, or of none. It is made with
 /// `mode`, and `fill(descriptor)` gives it contents, owner and mode.
 template <class Fill>
-Failure replaceRegular(std::string const& target, mode_t mode, Taken taken, Fill fill) {
-  Descriptor folder;
-  if (Failure failure = openFolder(target, folder)) return failure;
-  Neighbour neighbour;
-  if (!neighbour.create(target, mode)) return lastError("create a temporary file beside", target);
+Failure replaceRegular(Entry const& target, mode_t mode, Taken taken, Fill fill) {
+  Neighbour neighbour(target);
+  if (!neighbour.create(mode)) return lastError("create a temporary file beside", target.path);
   if (Failure failure = fill(neighbour.get())) return failure;
-  if (!flush(neighbour.get())) return lastError("flush", target);
-  if (!neighbour.close()) return lastError("close", target);
-  bool const isInPlace =
-      taken == Taken::refuse ? neighbour.renameToFree(target) : neighbour.rename(target);
-  if (!isInPlace) return lastError("replace", target);
-  // EINVAL: this file system does not flush folders (fsync(2)).
-  if (!folder || flush(folder.get()) || errno == EINVAL) return std::nullopt;
-  return lastError("flush the folder of", target);
+  if (!flush(neighbour.get())) return lastError("flush", target.path);
+  if (!neighbour.close()) return lastError("close", target.path);
+  bool const isInPlace = taken == Taken::refuse ? neighbour.renameToFree() : neighbour.rename();
+  return isInPlace ? flushFolder(target) : lastError("replace", target.path);
 }
 
 /// Fills a file with `bytes` and makes it like `old`, where that is not null.
@@ -280,12 +326,11 @@ Failure openSource(Source& source) {
 
 /// Copies to the place of a regular file that is like `old`, or to a new one where
 /// that is null.
-Failure copyToRegular(Source const& source, std::string const& target, Taken taken,
-                      Status const* old) {
+Failure copyToRegular(Source const& source, Entry const& target, Taken taken, Status const* old) {
   return replaceRegular(target, kPrivateMode, taken, [&](int fd) -> Failure {
-    if (Failure failure = copyContents(source.file, source.path, fd, target)) return failure;
+    if (Failure failure = copyContents(source.file, source.path, fd, target.path)) return failure;
     if (finishCopy(fd, source.status, old)) return std::nullopt;
-    return lastError("set the owner and mode of", target);
+    return lastError("set the owner and mode of", target.path);
   });
 }
 
@@ -359,17 +404,11 @@ bool Descriptor::close() noexcept {
 }
 
 Descriptor openWithoutWaiting(std::string const& path, int flags, unsigned mode) {
-  auto const bits = static_cast<mode_t>(mode);
-  Descriptor file = openFile(path, flags | O_NOCTTY | O_NONBLOCK, bits);
-  // Another process holds a lease on the file: the kernel has asked it to give
-  // way, and bounds the time that this may take (fcntl(2), F_SETLEASE).
-  if (!file && errno == EWOULDBLOCK && isRegular(path)) {
-    return openFile(path, flags | O_NOCTTY, bits);
-  }
-  if (!file) return file;
-  int const status = ::fcntl(file.get(), F_GETFL);
-  if (status < 0 || ::fcntl(file.get(), F_SETFL, status & ~O_NONBLOCK) < 0) return Descriptor();
-  return file;
+  return openInWithoutWaiting(AT_FDCWD, path, flags, mode);
+}
+
+Descriptor openWithoutWaiting(Entry const& entry, int flags, unsigned mode) {
+  return openInWithoutWaiting(entry.folder.get(), entry.name, flags | O_NOFOLLOW, mode);
 }
 
 bool writeAll(int fd, std::string_view bytes) {
@@ -437,33 +476,53 @@ Failure followLinks(std::string& path) {
   return FileError{"follow", start, ELOOP};
 }
 
+Failure openEntry(std::string const& path, Entry& entry) {
+  std::string end = path;
+  if (Failure failure = followLinks(end)) return failure;
+  return openEntryItself(end, entry);
+}
+
 Failure replaceFile(std::string const& path, std::string_view bytes) {
-  Status old{};
-  bool const exists = ::stat(path.c_str(), &old) == 0;
+  Status named{};
+  bool const exists = ::stat(path.c_str(), &named) == 0;
   if (!exists && (errno != ENOENT || path.empty())) return lastError("open", path);
-  if (exists && S_ISDIR(old.st_mode)) return FileError{"write", path, EISDIR};
-  if (exists && !S_ISREG(old.st_mode)) return writeInPlace(path, bytes);
-  std::string target = path;
-  if (Failure failure = followLinks(target)) return failure;
-  return replaceRegular(target, exists ? kPrivateMode : kNewFileMode, Taken::replace, [&](int fd) {
-    return fillWith(fd, target, bytes, exists ? &old : nullptr);
+  if (exists && S_ISDIR(named.st_mode)) return FileError{"write", path, EISDIR};
+  if (exists && !S_ISREG(named.st_mode)) return writeInPlace(path, bytes);
+  Entry target;
+  std::optional<Status> old;
+  if (Failure failure = openEntry(path, target)) return failure;
+  if (Failure failure = lookAt(target, old)) return failure;
+  return replaceRegular(target, old ? kPrivateMode : kNewFileMode, Taken::replace, [&](int fd) {
+    return fillWith(fd, target.path, bytes, old ? &*old : nullptr);
   });
+}
+
+Failure replaceFile(Entry const& target, Descriptor const& file, std::string_view bytes) {
+  Status old{};
+  if (::fstat(file.get(), &old) != 0) return lastError("read", target.path);
+  return replaceRegular(target, kPrivateMode, Taken::replace,
+                        [&](int fd) { return fillWith(fd, target.path, bytes, &old); });
 }
 
 Failure copyFile(std::string const& source, std::string const& target, bool refuseReplacing) {
   Source from{source};
   if (Failure failure = openSource(from)) return failure;
-  Status old{};
+  Status named{};
   bool const exists =
-      (refuseReplacing ? ::lstat(target.c_str(), &old) : ::stat(target.c_str(), &old)) == 0;
+      (refuseReplacing ? ::lstat(target.c_str(), &named) : ::stat(target.c_str(), &named)) == 0;
   if (!exists && (errno != ENOENT || target.empty())) return lastError("open", target);
   if (exists && refuseReplacing) return FileError{"replace", target, EEXIST};
-  if (exists && S_ISDIR(old.st_mode)) return FileError{"write", target, EISDIR};
-  if (exists && !S_ISREG(old.st_mode)) return copyInPlace(from, target);
-  if (refuseReplacing) return copyToRegular(from, target, Taken::refuse, nullptr);
-  std::string end = target;
-  if (Failure failure = followLinks(end)) return failure;
-  return copyToRegular(from, end, Taken::replace, exists ? &old : nullptr);
+  if (exists && S_ISDIR(named.st_mode)) return FileError{"write", target, EISDIR};
+  if (exists && !S_ISREG(named.st_mode)) return copyInPlace(from, target);
+  Entry entry;
+  std::optional<Status> old;
+  if (refuseReplacing) {
+    if (Failure failure = openEntryItself(target, entry)) return failure;
+    return copyToRegular(from, entry, Taken::refuse, nullptr);
+  }
+  if (Failure failure = openEntry(target, entry)) return failure;
+  if (Failure failure = lookAt(entry, old)) return failure;
+  return copyToRegular(from, entry, Taken::replace, old ? &*old : nullptr);
 }
 
 Failure makeFolders(std::string const& path, unsigned mode) {

@@ -54,6 +54,18 @@ private:
 /// wait. `mode` is for O_CREAT. None with errno set on failure.
 Descriptor openWithoutWaiting(std::string const& path, int flags, unsigned mode = 0);
 
+/// An entry of a folder that is held open. What becomes of the folders above, and
+/// of symbolic links on the way, leads what is done with it nowhere else: who may
+/// change those may not turn a write to a file of another folder.
+struct Entry {
+  Descriptor folder;
+  std::string name;
+  std::string path;  // for errors
+};
+
+/// The same of an entry. A symbolic link is not followed: ELOOP.
+Descriptor openWithoutWaiting(Entry const& entry, int flags, unsigned mode = 0);
+
 /// Writes all bytes to what is open; false with errno set. A write that takes fewer
 /// bytes is followed by another. Neither SIGPIPE nor SIGXFSZ reaches the process.
 bool writeAll(int fd, std::string_view bytes);
@@ -84,6 +96,10 @@ std::optional<FileError> readFile(Descriptor const& file, std::string const& pat
 /// last one need not lead to anything. Replaces `path`.
 std::optional<FileError> followLinks(std::string& path);
 
+/// Follows `path` as followLinks() does and opens the folder that holds its end,
+/// which need not exist.
+std::optional<FileError> openEntry(std::string const& path, Entry& entry);
+
 /// Replaces the contents of a file, or makes it.
 ///
 /// A regular file is replaced by renaming a neighbour over it that has been
@@ -95,8 +111,13 @@ std::optional<FileError> followLinks(std::string& path);
 ///
 /// What is no regular file is written in place: a FIFO without a reader is
 /// ENXIO, one whose reader leaves is EPIPE. A folder is EISDIR. Neither SIGPIPE
-/// nor SIGXFSZ reaches the process.
+/// nor SIGXFSZ reaches the process. ELOOP also comes where the file is replaced by
+/// something that is none, while it is looked at.
 std::optional<FileError> replaceFile(std::string const& path, std::string_view bytes);
+
+/// The same for a regular file that is open as `file`, whose name is `target`.
+std::optional<FileError> replaceFile(Entry const& target, Descriptor const& file,
+                                     std::string_view bytes);
 
 /// Copies the contents and the permission bits of a regular file, block by block.
 ///

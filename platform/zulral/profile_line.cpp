@@ -18,6 +18,8 @@ bool foldsTo(wchar_t a, wchar_t b) { return folded(a) == static_cast<wint_t>(b);
 
 std::string_view upToNul(std::string_view bytes) { return bytes.substr(0, bytes.find('\0')); }
 
+std::string_view trimmedUpToNul(std::string_view bytes) { return trimmed(upToNul(bytes)); }
+
 std::string_view unquoted(std::string_view text) {
   if (text.size() < 2 || text.front() != text.back()) return text;
   bool const isQuoted = text.front() == '"' || text.front() == '\'';
@@ -32,19 +34,17 @@ ProfileLine parseProfileLine(std::string_view line) {
   if (text.front() == '[') {
     std::size_t const end = text.find(']');
     if (end == std::string_view::npos) return {};
-    return {LineKind::header, trimmed(text.substr(1, end - 1))};
+    return {LineKind::header, trimmedUpToNul(text.substr(1, end - 1))};
   }
   std::size_t const end = line.find('=');
   if (end == std::string_view::npos) return {};
-  std::string_view const name = trimmed(line.substr(0, end));
+  std::string_view const name = trimmedUpToNul(line.substr(0, end));
   if (name.empty()) return {};
   return {LineKind::pair, name, line.substr(end + 1)};
 }
 
-std::wstring profileText(std::string_view bytes) { return lossyWide(upToNul(bytes)); }
-
 std::wstring profileValue(std::string_view rest) {
-  return profileText(unquoted(trimmed(upToNul(rest))));
+  return lossyWide(unquoted(trimmedUpToNul(rest)));
 }
 
 ProfileName::ProfileName(std::wstring_view name) : folded_(trimmed(name)) {
@@ -52,8 +52,7 @@ ProfileName::ProfileName(std::wstring_view name) : folded_(trimmed(name)) {
                  [](wchar_t c) { return static_cast<wchar_t>(folded(c)); });
 }
 
-bool ProfileName::matches(std::string_view bytes) const {
-  std::string_view const name = upToNul(bytes);
+bool ProfileName::matches(std::string_view name) const {
   if (name.size() < folded_.size()) return false;  // no character takes less than a byte
   bool const isAscii = asciiPrefix(name.data(), name.size()) == name.size();
   if (isAscii) return std::equal(name.begin(), name.end(), folded_.begin(), folded_.end(), foldsTo);

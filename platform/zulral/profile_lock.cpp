@@ -17,7 +17,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Status = struct stat;
 
-constexpr std::chrono::seconds kLongestWait{10};
 constexpr std::chrono::milliseconds kFirstPause{1};
 constexpr std::chrono::milliseconds kLongestPause{8};
 constexpr unsigned kNewFileMode = 0666;
@@ -26,6 +25,8 @@ constexpr unsigned kNewFileMode = 0666;
 /// that waits by itself could not be given up without a signal.
 class Pauses {
 public:
+  explicit Pauses(std::chrono::milliseconds all) : end_(Clock::now() + all) {}
+
   /// Sleeps; false when the time is over.
   bool pause() {
     if (Clock::now() >= end_) return false;
@@ -35,7 +36,7 @@ public:
   }
 
 private:
-  Clock::time_point end_ = Clock::now() + kLongestWait;
+  Clock::time_point end_;
   std::chrono::milliseconds length_ = kFirstPause;
 };
 
@@ -49,45 +50,49 @@ int kindError(Descriptor const& file) {
 
 }  // namespace
 
-ProfileLock::~ProfileLock() { removeIfUnused(); }
+// Only while it is held: another may have replaced the file otherwise. A file that
+// is empty then is still the one that was made.
+ProfileLock::~ProfileLock() {
+  Status held{};
+  if (!isMade_ || !isHeld_ || ::fstat(file_.get(), &held) != 0 || held.st_size != 0) return;
+  if (isNamed(entry_.path)) ::unlinkat(entry_.folder.get(), entry_.name.c_str(), 0);
+}
 
-/// Whether the name still leads to the file that is open.
-bool ProfileLock::hasName() const {
+/// Whether `path` leads to the file that is open.
+bool ProfileLock::isNamed(std::string const& path) const {
   Status named{};
   Status held{};
-  return ::stat(path_.c_str(), &named) == 0 && ::fstat(file_.get(), &held) == 0 &&
+  return ::stat(path.c_str(), &named) == 0 && ::fstat(file_.get(), &held) == 0 &&
          named.st_dev == held.st_dev && named.st_ino == held.st_ino;
 }
 
-// Nobody else can have written to it since: they wait for the lock.
-void ProfileLock::removeIfUnused() const {
-  Status held{};
-  if (!isMade_ || !file_ || !hasName()) return;
-  if (::fstat(file_.get(), &held) == 0 && held.st_size == 0) ::unlink(path_.c_str());
-}
-
-/// 0, or errno's number. EEXIST: another has made it meanwhile.
+/// 0, or errno's number: EWOULDBLOCK where another has made it meanwhile, or made a
+/// link of it.
 int ProfileLock::open(std::string const& path, Missing missing) {
-  path_ = path;
-  if (std::optional<FileError> const error = followLinks(path_)) return error->number;
-  file_ = openWithoutWaiting(path_, O_RDWR);
+  if (std::optional<FileError> const error = openEntry(path, entry_)) return error->number;
+  file_ = openWithoutWaiting(entry_, O_RDWR);
   isMade_ = !file_ && errno == ENOENT && missing == Missing::make;
-  if (isMade_) file_ = openWithoutWaiting(path_, O_RDWR | O_CREAT | O_EXCL, kNewFileMode);
+  if (isMade_) file_ = openWithoutWaiting(entry_, O_RDWR | O_CREAT | O_EXCL, kNewFileMode);
   if (file_) return kindError(file_);
-  isMade_ = false;
-  return errno;
+  return errno == EEXIST || errno == ELOOP ? EWOULDBLOCK : errno;
 }
 
-int ProfileLock::acquire(std::string const& path, Missing missing) {
-  Pauses pauses;
+/// 0, or errno's number: EWOULDBLOCK where it is another's turn.
+int ProfileLock::attempt(std::string const& path, Missing missing) {
+  int const number = open(path, missing);
+  if (number != 0) return number;
+  if (::flock(file_.get(), LOCK_EX | LOCK_NB) != 0) return errno;
+  // Else another has replaced it between the two.
+  isHeld_ = isNamed(path);
+  return isHeld_ ? 0 : EWOULDBLOCK;
+}
+
+int ProfileLock::acquire(std::string const& path, Missing missing,
+                         std::chrono::milliseconds longestWait) {
+  Pauses pauses(longestWait);
   while (true) {
-    int number = open(path, missing);
-    if (number == 0) {
-      number = ::flock(file_.get(), LOCK_EX | LOCK_NB) == 0 ? 0 : errno;
-      if (number == 0 && hasName()) return 0;
-    }
-    bool const isOthersTurn = number == 0 || number == EWOULDBLOCK || number == EEXIST;
-    if (!isOthersTurn) return number;
+    int const number = attempt(path, missing);
+    if (number != EWOULDBLOCK) return number;
     if (!pauses.pause()) return ETIMEDOUT;
   }
 }

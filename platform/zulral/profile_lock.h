@@ -6,6 +6,7 @@
 
 #include "platform/common/file_io.h"
 
+#include <chrono>
 #include <string>
 
 namespace vrxutil::detail {
@@ -19,6 +20,10 @@ class ProfileLock {
 public:
   enum class Missing { make, fail };
 
+  /// Longer waits are for a lock that is not a writer's: whoever may read a file may
+  /// lock it, for ever.
+  static constexpr std::chrono::seconds kLongestWait{10};
+
   ProfileLock() = default;
 
   /// Removes a file that was made here and is still empty.
@@ -27,25 +32,27 @@ public:
   ProfileLock(ProfileLock const&) = delete;
   ProfileLock& operator=(ProfileLock const&) = delete;
 
-  /// Waits for the file. 0, or errno's number: ETIMEDOUT after ten seconds, EISDIR
-  /// for a folder, EINVAL for another thing that is no regular file, ENOENT where
-  /// it does not exist and `missing` is fail.
-  int acquire(std::string const& path, Missing missing);
+  /// Waits for the file, once in the life of the object. 0, or errno's number:
+  /// ETIMEDOUT after `longestWait`, EISDIR for a folder, EINVAL for another thing
+  /// that is no regular file, ENOENT where it does not exist and `missing` is fail.
+  int acquire(std::string const& path, Missing missing,
+              std::chrono::milliseconds longestWait = kLongestWait);
 
-  /// Where the file is, symbolic links followed.
-  std::string const& path() const { return path_; }
+  /// The file's name, symbolic links followed.
+  Entry const& entry() const { return entry_; }
 
   /// The file, open at its beginning.
   Descriptor const& file() const { return file_; }
 
 private:
+  int attempt(std::string const& path, Missing missing);
   int open(std::string const& path, Missing missing);
-  bool hasName() const;
-  void removeIfUnused() const;
+  bool isNamed(std::string const& path) const;
 
-  std::string path_;
+  Entry entry_;
   Descriptor file_;
   bool isMade_ = false;
+  bool isHeld_ = false;
 };
 
 }  // namespace vrxutil::detail

@@ -1,5 +1,7 @@
 #include "platform/zulral/profile_read.h"
 
+#include "platform/common/utf8.h"
+
 #include <algorithm>
 #include <cerrno>
 
@@ -12,7 +14,6 @@ namespace vrxutil::detail {
 namespace {
 
 constexpr std::size_t kBlock = 16384;
-constexpr std::size_t kLongestLine = std::size_t{64} << 20;
 
 bool isRegular(Descriptor const& file) {
   struct stat status {};
@@ -90,20 +91,15 @@ std::optional<std::wstring> findValue(ProfileReader& reader, ProfileName const& 
   return std::nullopt;
 }
 
-std::wstring listSections(ProfileReader& reader) {
+std::wstring listNames(ProfileReader& reader, LineKind kind, std::size_t enough) {
   std::wstring list;
   ProfileLine line;
-  while (reader.next(line)) {
-    if (line.kind == LineKind::header) list.append(profileText(line.name)) += L'\0';
-  }
-  return list;
-}
-
-std::wstring listKeys(ProfileReader& reader) {
-  std::wstring list;
-  ProfileLine line;
-  while (reader.next(line) && line.kind != LineKind::header) {
-    if (line.kind == LineKind::pair) list.append(profileText(line.name)) += L'\0';
+  while (list.size() < enough && reader.next(line)) {
+    if (line.kind == kind) {
+      list.append(lossyWide(line.name)) += L'\0';
+    } else if (line.kind == LineKind::header) {
+      break;
+    }
   }
   return list;
 }

@@ -40,10 +40,8 @@ bool findSection(ProfileReader& reader, ProfileName const& section);
 /// The value of the first pair of that name up to the next header.
 std::optional<std::wstring> findValue(ProfileReader& reader, ProfileName const& key);
 
-/// The names of the sections, each followed by a NUL.
-std::wstring listSections(ProfileReader& reader);
-
-/// The names of the keys up to the next header, each followed by a NUL.
-std::wstring listKeys(ProfileReader& reader);
+/// The names of all headers, or of the pairs up to the next header, each followed by
+/// a NUL; no more once the list has `enough` characters.
+std::wstring listNames(ProfileReader& reader, LineKind kind, std::size_t enough);
 
 }  // namespace vrxutil::detail

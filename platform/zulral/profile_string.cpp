@@ -49,11 +49,13 @@ std::optional<std::wstring> readValue(std::string const& path, wchar_t const* se
   return findValue(reader, ProfileName(key));
 }
 
-/// The names of the sections, or with a `section` of its keys.
-std::wstring readList(std::string const& path, wchar_t const* section) {
+/// The names of the sections, or with a `section` of its keys; `enough` characters
+/// of them.
+std::wstring readList(std::string const& path, wchar_t const* section, std::size_t enough) {
   ProfileReader reader(path);
-  if (section == nullptr) return listSections(reader);
-  return findSection(reader, ProfileName(section)) ? listKeys(reader) : std::wstring();
+  if (section == nullptr) return listNames(reader, LineKind::header, enough);
+  if (!findSection(reader, ProfileName(section))) return {};
+  return listNames(reader, LineKind::pair, enough);
 }
 
 bool hasAnyOf(std::wstring_view text, wchar_t const* characters) {
@@ -83,6 +85,12 @@ bool encode(std::optional<std::wstring_view> text, std::string& utf8) {
   return !text || appendUtf8(*text, utf8) == text->size();
 }
 
+/// Whether the pair, or a header for it, would be a line that cannot be read.
+bool isTooLong(ProfilePair const& pair) {
+  constexpr std::size_t kMost = kLongestLine - std::string_view("[]\r").size();
+  return pair.section.size() > kMost || pair.key.size() + pair.value.size() > kMost;
+}
+
 std::string edited(std::string_view bytes, Change const& change, ProfilePair const& pair) {
   ProfileName const section(change.section);
   if (!change.key) return withoutSection(bytes, section);
@@ -97,6 +105,7 @@ int writeChange(std::string const& path, Change const& change) {
   bool const isText = encode(change.section, pair.section) && encode(change.key, pair.key) &&
                       encode(change.value, pair.value);
   if (!isText) return EILSEQ;
+  if (isTooLong(pair)) return EFBIG;
 
   ProfileLock lock;
   bool const isRemoval = change.isRemoval();
@@ -106,10 +115,11 @@ int writeChange(std::string const& path, Change const& change) {
   if (number != 0) return number;
 
   std::string bytes;
-  std::optional<FileError> error = readFile(lock.file(), lock.path(), kLargestProfile, bytes);
+  std::optional<FileError> error = readFile(lock.file(), lock.entry().path, kLargestProfile, bytes);
   if (error) return error->number;
   std::string const text = edited(bytes, change, pair);
-  if (text != bytes) error = replaceFile(lock.path(), text);
+  if (text.size() > kLargestProfile) return EFBIG;
+  if (text != bytes) error = replaceFile(lock.entry(), lock.file(), text);
   return error ? error->number : 0;
 }
 
@@ -140,7 +150,7 @@ unsigned long ZuDB_GetPrivateProfileStringW(wchar_t const* section, wchar_t cons
                                             unsigned long size, wchar_t const* fileName) {
   std::optional<std::string> const path = narrowFileName(fileName == nullptr ? L"" : fileName);
   if (section == nullptr || key == nullptr) {
-    return copyList(path ? readList(*path, section) : std::wstring(), buffer, size);
+    return copyList(path ? readList(*path, section, size) : std::wstring(), buffer, size);
   }
   std::optional<std::wstring> const value = path ? readValue(*path, section, key) : std::nullopt;
   if (value) return copyText(*value, buffer, size);

@@ -1,5 +1,7 @@
 #include "tests/platform/child_process.h"
 #include "tests/support/locale_scope.h"
+#include "tests/support/other_user.h"
+#include "tests/support/private_mounts.h"
 #include "tests/support/temporary_folder.h"
 
 #include <vrxcomn/configuration.h>
@@ -22,7 +24,6 @@
 #include <unistd.h>
 
 #ifdef __linux__
-#include <sched.h>
 #include <sys/auxv.h>
 #include <sys/mount.h>
 #endif
@@ -77,12 +78,6 @@ void runChecks(Environment const& environment, Checks checks) {
   });
   EXPECT_EQ(0, result.status);
   EXPECT_EQ("", result.standardError);
-}
-
-/// Goes on as somebody who is not root.
-void leaveRoot(uid_t user) {
-  if (::geteuid() != 0) return;
-  ASSERT_EQ(0, ::setuid(user));
 }
 
 struct VariableRow {
@@ -163,7 +158,7 @@ class UserTest : public testing::TestWithParam<UserRow> {};
 
 TEST_P(UserTest, UsesTheXdgStateFolder) {
   runChecks(GetParam().environment, [] {
-    leaveRoot(kNobody);
+    becomeOtherUser(kNobody);
     EXPECT_EQ(GetParam().state + L"/vornix/oxa", dataFolder());
     EXPECT_EQ(GetParam().state + L"/vornix/updater", updaterFolder());
   });
@@ -186,7 +181,7 @@ class HomelessTest : public testing::TestWithParam<Environment> {};
 
 TEST_P(HomelessTest, HomeComesFromTheUserDatabase) {
   runChecks(GetParam(), [] {
-    leaveRoot(kNobody);
+    becomeOtherUser(kNobody);
     passwd const* const entry = ::getpwuid(::geteuid());
     std::string const home = entry != nullptr ? entry->pw_dir : "";
     std::wstring const state(home.begin(), home.end());
@@ -218,7 +213,7 @@ TEST(ConfigurationTest, UserWithoutAHomeGetsTheSystemsFolders) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root can become a user without an entry";
   runChecks({}, [] {
     ASSERT_EQ(nullptr, ::getpwuid(kStranger));
-    leaveRoot(kStranger);
+    becomeOtherUser(kStranger);
     EXPECT_EQ(L"/var/lib/vornix/oxa", dataFolder());
     EXPECT_EQ(L"/var/lib/vornix/updater", updaterFolder());
   });
@@ -239,16 +234,15 @@ TEST(ConfigurationTest, EntryOfTheUserDatabaseMayBeLong) {
   ChildResult const result = runInChild([&] {
     setEnvironment({});
     bool const isMounted =
-        ::unshare(CLONE_NEWNS) == 0 &&
-        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+        enterMountNamespace() &&
         ::mount((folder / "passwd").c_str(), "/etc/passwd", nullptr, MS_BIND, nullptr) == 0;
     if (!isMounted) ::_exit(kNotPossible);
     fs::permissions(folder.path(), fs::perms::all);
     fs::permissions(folder / "passwd", fs::perms::all);
-    leaveRoot(kStranger);
+    becomeOtherUser(kStranger);
     EXPECT_EQ(L"/home/stranger/.local/state/vornix/oxa", dataFolder());
   });
-  if (result.status == kNotPossible << 8) GTEST_SKIP() << "the host does not allow private mounts";
+  if (result.status == kNotPossible << 8) GTEST_SKIP() << kNoMounts;
   EXPECT_EQ(0, result.status) << result.standardError;
 }
 

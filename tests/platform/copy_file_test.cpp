@@ -241,6 +241,61 @@ TEST(CopyFileTest, WhatIsNoRegularFileIsWrittenInPlace) {
   EXPECT_EQ(copy(folder / "source", "/dev/null"), "success");
 }
 
+TEST(CopyFileTest, AnothersFileInAStickyFolderIsAnErrorExceptForRoot) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can make a file of another user";
+  constexpr uid_t kOwner = 23456;
+  TemporaryFolder const folder;
+  makeFile(folder / "target", "old");
+  ASSERT_EQ(::chmod((folder / "target").c_str(), 0666), 0);
+  ASSERT_EQ(::chown((folder / "target").c_str(), kOwner, kOwner), 0);
+  ASSERT_EQ(::chmod(folder.path().c_str(), 01777), 0);
+  test::ChildResult const result = test::runInChild([&] {
+    test::becomeOtherUser();
+    makeFile(folder / "source", "new");
+    EXPECT_EQ(copy(folder / "source", folder / "target"), std::strerror(EPERM));
+    EXPECT_EQ(copy(folder / "source", folder / "target", kRefuse), std::strerror(EEXIST));
+  });
+  EXPECT_EQ(result.status, 0) << result.standardError;
+  EXPECT_EQ(fileBytes(folder / "target"), "old");
+  EXPECT_EQ(copy(folder / "source", folder / "target"), "success");
+  EXPECT_EQ(fileBytes(folder / "target"), "new");
+  EXPECT_EQ(statusOf(folder / "target").st_uid, kOwner);
+  EXPECT_EQ(countIn(folder.path()), 2U);
+}
+
+TEST(CopyFileTest, FolderThatMayBeChangedButNotReadIsEnough) {
+  TemporaryFolder const folder;
+  makeFile(folder / "source", "new");
+  ASSERT_EQ(::chmod((folder / "source").c_str(), 0644), 0);
+  ASSERT_EQ(::chmod(folder.path().c_str(), 0333), 0);
+  test::ChildResult const result = test::runInChild([&] {
+    test::becomeOtherUser();
+    EXPECT_EQ(copy(folder / "source", folder / "target"), "success");
+    EXPECT_EQ(copy(folder / "source", folder / "target"), "success");
+    EXPECT_EQ(copy(folder / "source", folder / "second", kRefuse), "success");
+    EXPECT_EQ(copy(folder / "source", folder / "second", kRefuse), std::strerror(EEXIST));
+  });
+  EXPECT_EQ(result.status, 0) << result.standardError;
+  ASSERT_EQ(::chmod(folder.path().c_str(), 0700), 0);
+  EXPECT_EQ(fileBytes(folder / "target"), "new");
+  EXPECT_EQ(countIn(folder.path()), 3U);
+}
+
+TEST(CopyFileTest, LeavesNoDescriptorOpen) {
+  TemporaryFolder const folder;
+  makeFile(folder / "source", "x");
+  int const free = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  ::close(free);
+  copy(folder / "source", folder / "target");
+  copy(folder / "source", folder / "target");
+  copy(folder / "source", folder / "target", kRefuse);
+  copy(folder / "source", folder.path());
+  copy(folder / "missing", folder / "target");
+  int const next = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  ::close(next);
+  EXPECT_EQ(next, free);
+}
+
 TEST(CopyFileTest, FullFileSystemLeavesTheTarget) {
   TemporaryFolder const folder;
   makeFile(folder / "source", pattern(1 << 20));
@@ -296,6 +351,7 @@ TEST(CopyFileTest, FailuresOfTheDiskLeaveTheTarget) {
       {"fsync", {SYS_fsync}, test::failsWith(EIO)},
       {"chmod", {SYS_fchmod}, test::failsWith(EIO)},
       {"rename", renameCalls(), test::failsWith(EIO)},
+      {"read", {SYS_read}, test::failsWith(EIO)},
   };
   for (test::Fault const& fault : faults) {
     pid_t const child = ::fork();

@@ -3,6 +3,8 @@
 #include "tests/platform/child_process.h"
 #include "tests/platform/system_call_fault.h"
 #include "tests/support/locale_scope.h"
+#include "tests/support/other_user.h"
+#include "tests/support/private_mounts.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/support/umask_scope.h"
 
@@ -25,7 +27,6 @@
 #include <vector>
 
 #include <fcntl.h>
-#include <grp.h>
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
@@ -36,7 +37,6 @@
 #include <unistd.h>
 
 #ifdef __linux__
-#include <sched.h>
 #include <sys/mount.h>
 #include <sys/syscall.h>
 #endif
@@ -46,14 +46,14 @@ namespace vrxutil::detail {
 namespace {
 
 using test::fileBytes;
+using test::kOtherGroup;
+using test::kOtherUser;
 using test::LocaleScope;
 using test::makeFile;
 using test::TemporaryFolder;
 using test::UmaskScope;
 
 constexpr std::size_t kNoLimit = 1 << 30;
-constexpr uid_t kOtherUser = 12345;
-constexpr gid_t kOtherGroup = 12346;
 
 /// The error as text; "success" for none.
 std::string told(std::optional<FileError> const& error) {
@@ -126,12 +126,7 @@ ChildResult runInChild(std::function<std::string()> const& work) {
 /// What `work` returns in a process without root's rights; nothing of it where
 /// the rights cannot be given up.
 std::string runAsOtherUser(std::function<std::string()> const& work) {
-  return runInChild([&] {
-           bool const isOther = ::setgroups(0, nullptr) == 0 && ::setgid(kOtherGroup) == 0 &&
-                                ::setuid(kOtherUser) == 0;
-           return isOther ? work() : std::string("still root");
-         })
-      .told;
+  return runInChild([&] { return test::leaveRoot() ? work() : std::string("still root"); }).told;
 }
 
 TEST(DescribeTest, TellsActionPathAndReason) {
@@ -317,8 +312,7 @@ TEST(ReadFileTest, UnreadableFileIsAnError) {
   makeFile(path, "secret");
   ASSERT_EQ(::chmod(path.c_str(), 0), 0);
   ASSERT_EQ(::chmod(folder.path().c_str(), 0755), 0);
-  std::string const result =
-      isRoot() ? runAsOtherUser([&] { return readBack(path); }) : readBack(path);
+  std::string const result = runAsOtherUser([&] { return readBack(path); });
   EXPECT_EQ(result, failure("open", path, EACCES));
 }
 
@@ -505,14 +499,11 @@ TEST(ReplaceFileTest, GroupIsKeptWhereTheOwnerMayNotBe) {
   ASSERT_EQ(::chown(path.c_str(), 0, kSecondGroup), 0);
   ASSERT_EQ(::chmod(path.c_str(), 0660), 0);
   ASSERT_EQ(::chown(folder.path().c_str(), kOtherUser, 0), 0);
-  std::string const result = runInChild([&]() -> std::string {
-                               if (::setgroups(1, &kSecondGroup) != 0 ||
-                                   ::setgid(kOtherGroup) != 0 || ::setuid(kOtherUser) != 0) {
-                                 return "still root";
-                               }
-                               return told(replaceFile(path, "new"));
-                             }).told;
-  EXPECT_EQ(result, "success");
+  ChildResult const result = runInChild([&]() -> std::string {
+    if (!test::leaveRoot(kOtherUser, {kSecondGroup})) return "still root";
+    return told(replaceFile(path, "new"));
+  });
+  EXPECT_EQ(result.told, "success");
   EXPECT_EQ(statusOf(path).st_uid, kOtherUser);
   EXPECT_EQ(statusOf(path).st_gid, kSecondGroup);
   EXPECT_EQ(modeOf(path), mode_t{0660});
@@ -673,8 +664,7 @@ TEST(ReplaceFileTest, DevicesAreWrittenInPlace) {
   auto const work = [] {
     return told(replaceFile("/dev/null", "bytes")) + "\n" + told(replaceFile("/dev/full", "bytes"));
   };
-  EXPECT_EQ(isRoot() ? runAsOtherUser(work) : work(),
-            "success\n" + failure("write", "/dev/full", ENOSPC));
+  EXPECT_EQ(runAsOtherUser(work), "success\n" + failure("write", "/dev/full", ENOSPC));
 }
 
 TEST(ReplaceFileTest, FifoWithoutReaderIsAnErrorAndStays) {
@@ -790,7 +780,7 @@ TEST(ReplaceFileTest, FolderWithoutWritePermissionIsAnError) {
   auto const work = [&] {
     return told(replaceFile(path, "new")) + "\n" + told(replaceFile(folder / "new", "new"));
   };
-  std::string const result = isRoot() ? runAsOtherUser(work) : work();
+  std::string const result = runAsOtherUser(work);
   std::string const action = "create a temporary file beside";
   EXPECT_EQ(result, failure(action, path, EACCES) + "\n" + failure(action, folder / "new", EACCES));
   ASSERT_EQ(::chmod(folder.path().c_str(), 0755), 0);
@@ -803,7 +793,7 @@ TEST(ReplaceFileTest, FolderThatMayNotBeReadIsEnough) {
   std::string const path = folder / "file";
   ASSERT_EQ(::chmod(folder.path().c_str(), 0333), 0);
   auto const work = [&] { return told(replaceFile(path, "new")); };
-  std::string const result = isRoot() ? runAsOtherUser(work) : work();
+  std::string const result = runAsOtherUser(work);
   ASSERT_EQ(::chmod(folder.path().c_str(), 0755), 0);
   EXPECT_EQ(result, "success");
   EXPECT_EQ(namesIn(folder.path()), Names{"file"});
@@ -1027,32 +1017,11 @@ TEST(ReplaceFileFaultTest, NeighbourIsNeverAFileThatIsThereAlready) {
   EXPECT_EQ(namesIn(folder.path()), Names{});
 }
 
-bool writeTo(char const* path, std::string const& bytes) {
-  Descriptor const file(::open(path, O_WRONLY | O_CLOEXEC));
-  return ::write(file.get(), bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
-}
-
-/// Enters a user namespace in which there is root, who is this process's user,
-/// and nobody else.
-bool enterUserNamespace(int moreNamespaces) {
-  std::string const user = "0 " + std::to_string(::geteuid()) + " 1";
-  std::string const group = "0 " + std::to_string(::getegid()) + " 1";
-  return ::unshare(CLONE_NEWUSER | moreNamespaces) == 0 &&
-         writeTo("/proc/self/setgroups", "deny") && writeTo("/proc/self/uid_map", user) &&
-         writeTo("/proc/self/gid_map", group);
-}
-
 /// Runs `work` where it may mount. What it mounts goes with it.
 ChildResult runInMountNamespace(std::function<std::string()> const& work) {
-  return runInChild([&] {
-    bool const isAlone = isRoot() ? ::unshare(CLONE_NEWNS) == 0 : enterUserNamespace(CLONE_NEWNS);
-    bool const isPrivate =
-        isAlone && ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
-    return isPrivate ? work() : std::string("no mounts");
-  });
+  return runInChild(
+      [&] { return test::enterMountNamespace() ? work() : std::string("no mounts"); });
 }
-
-constexpr char kNoMounts[] = "the host does not allow private mounts";
 
 TEST(ReplaceFileFaultTest, OwnerUnknownToTheUserNamespaceIsNotKept) {
   if (!isRoot()) GTEST_SKIP() << "only root may give files away";
@@ -1062,7 +1031,7 @@ TEST(ReplaceFileFaultTest, OwnerUnknownToTheUserNamespaceIsNotKept) {
   ASSERT_EQ(::chown(path.c_str(), kOtherUser, kOtherGroup), 0);
   ASSERT_EQ(::chmod(path.c_str(), 04640), 0);
   ChildResult const result = runInChild([&]() -> std::string {
-    if (!enterUserNamespace(0)) return "no user namespaces";
+    if (!test::enterUserNamespace()) return "no user namespaces";
     return told(replaceFile(path, "new"));
   });
   if (result.told == "no user namespaces") GTEST_SKIP() << "the host does not allow namespaces";
@@ -1083,7 +1052,7 @@ TEST(ReplaceFileFaultTest, FullFileSystemLeavesTheOldFile) {
     return first + "\n" + second + "\n" + third + "\n" + readBack(path) + " in " +
            std::to_string(namesIn(folder.path()).size());
   });
-  if (result.told == "no mounts") GTEST_SKIP() << kNoMounts;
+  if (result.told == "no mounts") GTEST_SKIP() << test::kNoMounts;
   EXPECT_EQ(result.told, "success\n" + failure("write", path, ENOSPC) + "\n" +
                              failure("write", folder / "other", ENOSPC) + "\nold in 1");
 }
@@ -1096,7 +1065,7 @@ TEST(ReplaceFileFaultTest, FileThatIsAMountPointIsAnErrorAndStays) {
     if (::mount(path.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) != 0) return "no mounts";
     return told(replaceFile(path, "new"));
   });
-  if (result.told == "no mounts") GTEST_SKIP() << kNoMounts;
+  if (result.told == "no mounts") GTEST_SKIP() << test::kNoMounts;
   EXPECT_EQ(result.told, failure("replace", path, EBUSY));
   EXPECT_EQ(fileBytes(path), "old");
   EXPECT_EQ(namesIn(folder.path()), Names{"file"});
@@ -1111,7 +1080,7 @@ TEST(ReplaceFileFaultTest, ReadOnlyFileSystemIsAnError) {
     }
     return told(replaceFile(path, "new")) + "\n" + told(makeFolders(path, 0755));
   });
-  if (result.told == "no mounts") GTEST_SKIP() << kNoMounts;
+  if (result.told == "no mounts") GTEST_SKIP() << test::kNoMounts;
   EXPECT_EQ(result.told, failure("create a temporary file beside", path, EROFS) + "\n" +
                              failure("make", path, EROFS));
 }
@@ -1247,7 +1216,7 @@ TEST(MakeFoldersTest, FolderWithoutWritePermissionIsAnError) {
   TemporaryFolder const folder;
   ASSERT_EQ(::chmod(folder.path().c_str(), 0555), 0);
   auto const work = [&] { return told(makeFolders(folder / "a/b", 0755)); };
-  std::string const result = isRoot() ? runAsOtherUser(work) : work();
+  std::string const result = runAsOtherUser(work);
   EXPECT_EQ(result, failure("make", folder / "a", EACCES));
   ASSERT_EQ(::chmod(folder.path().c_str(), 0755), 0);
   EXPECT_EQ(namesIn(folder.path()), Names{});

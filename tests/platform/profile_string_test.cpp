@@ -1,5 +1,6 @@
 #include "tests/platform/child_process.h"
 #include "tests/platform/other_user.h"
+#include "tests/platform/profile_calls.h"
 #include "tests/support/locale_scope.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/support/umask_scope.h"
@@ -34,22 +35,16 @@ namespace vrxutil {
 
 namespace {
 
+using test::countIn;
+using test::exists;
 using test::fileBytes;
+using test::kNone;
 using test::LocaleScope;
 using test::makeFile;
 using test::TemporaryFolder;
 using test::UmaskScope;
-
-constexpr wchar_t kNone[] = L"(none)";
-
-/// The value of a key, or "(none)".
-std::wstring valueOf(std::wstring const& fileName, wchar_t const* section, wchar_t const* key) {
-  std::array<wchar_t, 1000> buffer{};
-  unsigned long const length = ZuDB_GetPrivateProfileStringW(section, key, kNone, buffer.data(),
-                                                             buffer.size(), fileName.c_str());
-  EXPECT_EQ(length, std::wcslen(buffer.data()));
-  return buffer.data();
-}
+using test::valueOf;
+using test::write;
 
 /// A list of names, each followed by a NUL, as it stands in the buffer less the
 /// last NUL.
@@ -62,26 +57,11 @@ std::wstring listOf(std::wstring const& fileName, wchar_t const* section) {
   return {buffer.data(), length};
 }
 
-/// "success", or what errno says.
-std::string write(std::wstring const& fileName, wchar_t const* section, wchar_t const* key,
-                  wchar_t const* value) {
-  errno = 0;
-  int const result = ZuDB_WritePrivateProfileStringW(section, key, value, fileName.c_str());
-  return result != 0 ? "success" : std::strerror(errno);
-}
-
 struct stat statusOf(std::string const& path) {
   struct stat status {};
 
   EXPECT_EQ(::stat(path.c_str(), &status), 0) << path << ": " << std::strerror(errno);
   return status;
-}
-
-bool exists(std::string const& path) { return ::access(path.c_str(), F_OK) == 0; }
-
-std::size_t countIn(std::string const& folder) {
-  std::filesystem::directory_iterator const entries(folder);
-  return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
 }
 
 /// The name of a row's test.
@@ -93,9 +73,9 @@ std::string nameOf(testing::TestParamInfo<Row> const& row) {
 struct ReadRow {
   char const* name;
   std::string contents;
-  wchar_t const* section;
-  wchar_t const* key;
   wchar_t const* value;
+  wchar_t const* key = L"k";
+  wchar_t const* section = L"s";
 };
 
 void PrintTo(ReadRow const& row, std::ostream* out) { *out << row.name; }
@@ -113,56 +93,58 @@ TEST_P(ProfileValueTest, GivesTheValue) {
 INSTANTIATE_TEST_SUITE_P(
     Rows, ProfileValueTest,
     testing::Values(
-        ReadRow{"Plain", "[s]\nk=v\n", L"s", L"k", L"v"}, ReadRow{"Empty", "", L"s", L"k", kNone},
-        ReadRow{"NoSection", "[t]\nk=v\n", L"s", L"k", kNone},
-        ReadRow{"NoKey", "[s]\nkk=v\nq=\n", L"s", L"k", kNone},
-        ReadRow{"PrefixOfTheKey", "[s]\nk=v\n", L"s", L"kk", kNone},
-        ReadRow{"KeyOfTheNextSection", "[s]\n[t]\nk=v\n", L"s", L"k", kNone},
-        ReadRow{"KeyBeforeTheFirstSection", "k=v\n[s]\n", L"s", L"k", kNone},
-        ReadRow{"KeyBeforeTheFirstSectionIsInNone", "k=v\n", L"", L"k", kNone},
-        ReadRow{"EmptySectionName", "k=u\n[]\nk=v\n", L"", L"k", L"v"},
-        ReadRow{"CaseOfNames", "[SeCtIoN]\nKeY=Value\n", L"sEcTiOn", L"kEy", L"Value"},
-        ReadRow{"CaseBeyondAscii", "[\xC3\x84]\n\xC3\xA9t\xC3\xA9=\xC3\x9F\n", L"\u00E4",
-                L"\u00C9T\u00C9", L"\u00DF"},
-        ReadRow{"KeysThatDifferInCase", "[s]\nKEY=1\nkey=2\n", L"s", L"key", L"1"},
-        ReadRow{"FirstSectionOfAName", "[s]\nk=1\n[t]\n[S]\nk=2\nl=3\n", L"s", L"k", L"1"},
-        ReadRow{"SecondSectionOfAName", "[s]\nk=1\n[t]\n[S]\nl=3\n", L"s", L"l", kNone},
-        ReadRow{"BlanksInTheFile", " \t[ s ]  x\n \tk \t=\t  a b \t \n", L"s", L"k", L"a b"},
-        ReadRow{"BlanksInTheArguments", "[s]\nk=v\n", L" s\t", L" k ", L"v"},
-        ReadRow{"BlanksInsideAName", "[a b]\nc d=v\n", L"a b", L"c d", L"v"},
-        ReadRow{"EmptyValue", "[s]\nk=\n", L"s", L"k", L""},
-        ReadRow{"BlankValue", "[s]\nk= \t \n", L"s", L"k", L""},
-        ReadRow{"ValueWithEqualsSigns", "[s]\nk=a=b=\n", L"s", L"k", L"a=b="},
-        ReadRow{"DoubleQuotes", "[s]\nk= \" v \" \n", L"s", L"k", L" v "},
-        ReadRow{"SingleQuotes", "[s]\nk=' v '\n", L"s", L"k", L" v "},
-        ReadRow{"OnePairOfQuotes", "[s]\nk=\"'v'\"\n", L"s", L"k", L"'v'"},
-        ReadRow{"UnlikeQuotes", "[s]\nk=\"v'\n", L"s", L"k", L"\"v'"},
-        ReadRow{"LoneQuote", "[s]\nk=\"\n", L"s", L"k", L"\""},
-        ReadRow{"EmptyQuotes", "[s]\nk=\"\"\n", L"s", L"k", L""},
-        ReadRow{"QuotesInside", "[s]\nk=a\"b\"\n", L"s", L"k", L"a\"b\""},
-        ReadRow{"Comment", "[s]\n;k=1\n  ;k=2\nk=3\n", L"s", L"k", L"3"},
-        ReadRow{"CommentOfAnotherCharacter", "[s]\n#k=1\n", L"s", L"#k", L"1"},
-        ReadRow{"NoCommentInsideALine", "[s]\nk=1 ; 2\n", L"s", L"k", L"1 ; 2"},
-        ReadRow{"CommentedHeader", ";[s]\nk=v\n", L"s", L"k", kNone},
-        ReadRow{"HeaderWithoutEnd", "[s]\n[t\nk=v\n", L"s", L"k", L"v"},
-        ReadRow{"HeaderWithoutEndIsNoKey", "[s]\n[t=v\n", L"s", L"[t", kNone},
-        ReadRow{"HeaderEndsAtTheFirstBracket", "[s]]\nk=v\n", L"s", L"k", L"v"},
-        ReadRow{"LineWithoutEqualsSign", "[s]\nk\nk=v\n", L"s", L"k", L"v"},
-        ReadRow{"LineWithoutKey", "[s]\n=u\nk=v\n", L"s", L"", kNone},
-        ReadRow{"NoFinalLineEnd", "[s]\nk=v", L"s", L"k", L"v"},
-        ReadRow{"CarriageReturns", "[s]\r\nk=v\r\n", L"s", L"k", L"v"},
-        ReadRow{"CarriageReturnAtTheEnd", "[s]\r\nk=v\r", L"s", L"k", L"v"},
-        ReadRow{"CarriageReturnInside", "[s]\nk=a\rb\n", L"s", L"k", L"a\rb"},
-        ReadRow{"ByteOrderMark", "\xEF\xBB\xBF[s]\nk=v\n", L"s", L"k", L"v"},
-        ReadRow{"ByteOrderMarkLater", "\n\xEF\xBB\xBF[s]\nk=v\n", L"s", L"k", kNone},
-        ReadRow{"AllPlanes", "[s]\nk=\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80\n", L"s", L"k",
+        ReadRow{"Plain", "[s]\nk=v\n", L"v"}, ReadRow{"Empty", "", kNone},
+        ReadRow{"NoSection", "[t]\nk=v\n", kNone}, ReadRow{"NoKey", "[s]\nkk=v\nq=\n", kNone},
+        ReadRow{"PrefixOfTheKey", "[s]\nk=v\n", kNone, L"kk"},
+        ReadRow{"KeyOfTheNextSection", "[s]\n[t]\nk=v\n", kNone},
+        ReadRow{"KeyBeforeTheFirstSection", "k=v\n[s]\n", kNone},
+        ReadRow{"KeyBeforeTheFirstSectionIsInNone", "k=v\n", kNone, L"k", L""},
+        ReadRow{"EmptySectionName", "k=u\n[]\nk=v\n", L"v", L"k", L""},
+        ReadRow{"CaseOfNames", "[SeCtIoN]\nKeY=Value\n", L"Value", L"kEy", L"sEcTiOn"},
+        ReadRow{"CaseBeyondAscii", "[\xC3\x84]\n\xC3\xA9t\xC3\xA9=\xC3\x9F\n", L"\u00DF",
+                L"\u00C9T\u00C9", L"\u00E4"},
+        ReadRow{"KeysThatDifferInCase", "[s]\nKEY=1\nkey=2\n", L"1", L"key"},
+        ReadRow{"FirstSectionOfAName", "[s]\nk=1\n[t]\n[S]\nk=2\nl=3\n", L"1"},
+        ReadRow{"SecondSectionOfAName", "[s]\nk=1\n[t]\n[S]\nl=3\n", kNone, L"l"},
+        ReadRow{"BlanksInTheFile", " \t[ s ]  x\n \tk \t=\t  a b \t \n", L"a b"},
+        ReadRow{"BlanksOfAllKinds", "\v[\fs\r]\n\fk\v=\r\v \f\tv\t\r\v\n", L"v"},
+        ReadRow{"BlanksInTheArguments", "[s]\nk=v\n", L"v", L" k ", L" s\t"},
+        ReadRow{"BlanksInsideAName", "[a b]\nc d=v\n", L"v", L"c d", L"a b"},
+        ReadRow{"EmptyValue", "[s]\nk=\n", L""}, ReadRow{"BlankValue", "[s]\nk= \t \n", L""},
+        ReadRow{"ValueWithEqualsSigns", "[s]\nk=a=b=\n", L"a=b="},
+        ReadRow{"DoubleQuotes", "[s]\nk= \" v \" \n", L" v "},
+        ReadRow{"SingleQuotes", "[s]\nk=' v '\n", L" v "},
+        ReadRow{"OnePairOfQuotes", "[s]\nk=\"'v'\"\n", L"'v'"},
+        ReadRow{"UnlikeQuotes", "[s]\nk=\"v'\n", L"\"v'"},
+        ReadRow{"LoneQuote", "[s]\nk=\"\n", L"\""}, ReadRow{"EmptyQuotes", "[s]\nk=\"\"\n", L""},
+        ReadRow{"QuotesInside", "[s]\nk=a\"b\"\n", L"a\"b\""},
+        ReadRow{"Comment", "[s]\n;k=1\n  ;k=2\nk=3\n", L"3"},
+        ReadRow{"CommentOfAnotherCharacter", "[s]\n#k=1\n", L"1", L"#k"},
+        ReadRow{"NoCommentInsideALine", "[s]\nk=1 ; 2\n", L"1 ; 2"},
+        ReadRow{"CommentedHeader", ";[s]\nk=v\n", kNone},
+        ReadRow{"HeaderWithoutEnd", "[s]\n[t\nk=v\n", L"v"},
+        ReadRow{"HeaderWithoutEndIsNoKey", "[s]\n[t=v\n", kNone, L"[t"},
+        ReadRow{"HeaderEndsAtTheFirstBracket", "[s]]\nk=v\n", L"v"},
+        ReadRow{"LineWithoutEqualsSign", "[s]\nk\nk=v\n", L"v"},
+        ReadRow{"LineWithoutKey", "[s]\n=u\nk=v\n", kNone, L""},
+        ReadRow{"NoFinalLineEnd", "[s]\nk=v", L"v"},
+        ReadRow{"CarriageReturns", "[s]\r\nk=v\r\n", L"v"},
+        ReadRow{"CarriageReturnAtTheEnd", "[s]\r\nk=v\r", L"v"},
+        ReadRow{"CarriageReturnInside", "[s]\nk=a\rb\n", L"a\rb"},
+        ReadRow{"ByteOrderMark", "\xEF\xBB\xBF[s]\nk=v\n", L"v"},
+        ReadRow{"ByteOrderMarkLater", "\n\xEF\xBB\xBF[s]\nk=v\n", kNone},
+        ReadRow{"AllPlanes", "[s]\nk=\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80\n",
                 L"\u00E9\u20AC\U0001F600"},
-        ReadRow{"InvalidBytes", "[s]\nk=a\xFF\xE2\x82z\n", L"s", L"k", L"a\uFFFD\uFFFD\uFFFDz"},
-        ReadRow{"InvalidBytesInAName", "[s]\nk\xFF=v\n", L"s", L"k\uFFFD", L"v"},
-        ReadRow{"NulInAValue", std::string("[s]\nk=a\0b\nl=c\n", 14), L"s", L"k", L"a"},
-        ReadRow{"NulAfterQuotes", std::string("[s]\nk='a'\0b\n", 12), L"s", L"k", L"a"},
-        ReadRow{"NulInAName", std::string("[s\0t]\nk\0l=v\n", 12), L"s", L"k", L"v"},
-        ReadRow{"LineAfterANul", std::string("[s]\nk=a\0b\nl=c\n", 14), L"s", L"l", L"c"}),
+        ReadRow{"InvalidBytes", "[s]\nk=a\xFF\xE2\x82z\n", L"a\uFFFD\uFFFD\uFFFDz"},
+        ReadRow{"InvalidBytesInAName", "[s]\nk\xFF=v\n", L"v", L"k\uFFFD"},
+        ReadRow{"NulInAValue", std::string("[s]\nk=a\0b\nl=c\n", 14), L"a"},
+        ReadRow{"NulAfterQuotes", std::string("[s]\nk='a'\0b\n", 12), L"a"},
+        ReadRow{"NulInAName", std::string("[s\0t]\nk\0l=v\n", 12), L"v"},
+        ReadRow{"LineAfterANul", std::string("[s]\nk=a\0b\nl=c\n", 14), L"c", L"l"},
+        ReadRow{"KeysThatDifferInCaseBeyondAscii", "[s]\n\xC3\x89=1\n\xC3\xA9=2\n", L"1",
+                L"\u00E9"},
+        ReadRow{"BlankBeforeANulInAName", std::string("[s \0x]\nk \0x=v\n", 14), L"v"},
+        ReadRow{"NulInPlaceOfAName", std::string("[s]\n\0=v\n", 8), kNone, L""}),
     nameOf<ReadRow>);
 
 TEST(ProfileReadTest, LinesOfAnyLengthAroundTheBlocksOfReading) {
@@ -246,6 +228,8 @@ TEST(ProfileReadTest, ListsThatDoNotFitEndInTwoNuls) {
       {1, 0, std::wstring(L"\0#######", 8)},
       {2, 0, std::wstring(L"\0\0######", 8)},
       {3, 1, std::wstring(L"a\0\0#####", 8)},
+      {4, 2, std::wstring(L"ab\0\0####", 8)},
+      {5, 3, std::wstring(L"ab\0\0\0###", 8)},
       {6, 4, std::wstring(L"ab\0c\0\0##", 8)},
       {7, 6, std::wstring(L"ab\0cd\0\0#", 8)},
       {8, 6, std::wstring(L"ab\0cd\0\0#", 8)},
@@ -299,6 +283,41 @@ TEST(ProfileReadTest, FileNameBeyondTheLocaleHasNoValues) {
   EXPECT_EQ(valueOf(L"/tmp/\u00E9", L"s", L"k"), kNone);
 }
 
+TEST(ProfileReadTest, CaseBeyondAsciiIsThatOfTheLocale) {
+  TemporaryFolder const folder;
+  makeFile(folder / "f", "[s]\n\xC3\x89=v\n");
+  for (auto const& [name, value] :
+       {std::pair<char const*, wchar_t const*>{"C", kNone}, {"C.UTF-8", L"v"}}) {
+    LocaleScope const locale(name);
+    EXPECT_EQ(valueOf(folder.wide("f"), L"s", L"\u00E9"), value) << name;
+    EXPECT_EQ(valueOf(folder.wide("f"), L"S", L"\u00C9"), L"v") << name;
+  }
+}
+
+TEST(ProfileReadTest, FollowsSymbolicLinks) {
+  TemporaryFolder const folder;
+  makeFile(folder / "file", "[s]\nk=v\n");
+  ASSERT_EQ(::symlink("file", (folder / "second").c_str()), 0);
+  ASSERT_EQ(::symlink("second", (folder / "first").c_str()), 0);
+  EXPECT_EQ(valueOf(folder.wide("first"), L"s", L"k"), L"v");
+}
+
+TEST(ProfileReadTest, LastOfAMillionSections) {
+  constexpr int kSections = 1000000;
+  TemporaryFolder const folder;
+  std::string bytes;
+  for (int i = 0; i < kSections; ++i) bytes += "[" + std::to_string(i) + "]\nk=v\n";
+  makeFile(folder / "f", bytes + "[last]\nk=w\n");
+  std::wstring const file = folder.wide("f");
+  EXPECT_EQ(valueOf(file, L"last", L"k"), L"w");
+  EXPECT_EQ(write(file, L"last", L"l", L"x"), "success");
+  EXPECT_EQ(write(file, L"new", L"k", L"y"), "success");
+  EXPECT_EQ(write(file, L"0", L"k", nullptr), "success");
+  bytes.erase(bytes.find('k'), 4);
+  EXPECT_TRUE(fileBytes(folder / "f") == bytes + "[last]\nk=w\nl=x\n[new]\nk=y\n");
+  EXPECT_EQ(listOf(file, nullptr).size(), 998U);
+}
+
 // Between the values is a hole that takes no space: a line of 100 MiB, which is
 // more than can be read.
 TEST(ProfileReadTest, FileIsReadAsFarAsTheValue) {
@@ -313,13 +332,70 @@ TEST(ProfileReadTest, FileIsReadAsFarAsTheValue) {
   EXPECT_EQ(valueOf(folder.wide("f"), L"u", L"k"), kNone);
 }
 
+TEST(ProfileReadTest, LineThatIsTooLongHasNoValue) {
+  TemporaryFolder const folder;
+  makeFile(folder / "f", "[s]\nk=v");
+  ASSERT_EQ(::truncate((folder / "f").c_str(), 65 << 20), 0) << std::strerror(errno);
+  EXPECT_EQ(valueOf(folder.wide("f"), L"s", L"k"), kNone);
+  ASSERT_EQ(::truncate((folder / "f").c_str(), 63 << 20), 0) << std::strerror(errno);
+  EXPECT_EQ(valueOf(folder.wide("f"), L"s", L"k"), L"v");
+}
+
+#ifdef __linux__
+
+/// Bytes that this process has read so far, the text with that number included;
+/// -1 where the host does not count.
+long bytesRead() {
+  std::ifstream counters("/proc/self/io");
+  std::string name;
+  long count = -1;
+  counters >> name >> count;
+  return name == "rchar:" ? count : -1;
+}
+
+TEST(ProfileReadTest, NoMoreOfAFileIsReadThanNeeded) {
+  if (bytesRead() < 0) GTEST_SKIP() << "the host does not count the bytes that are read";
+  constexpr long kMost = 70000;
+  TemporaryFolder const folder;
+  makeFile(folder / "f", "[s]\nk=v\n[t]\n" + std::string(8 << 20, '\n') + "[u]\nk=w\n");
+  std::wstring const file = folder.wide("f");
+  std::wstring buffer(6, L'#');
+
+  struct Row {
+    wchar_t const* section;
+    wchar_t const* key;
+    std::wstring buffer;
+  };
+
+  std::vector<Row> const rows{
+      {L"s", L"k", std::wstring(L"v\0####", 6)},
+      {L"s", L"missing", std::wstring(L"(none\0", 6)},
+      {L"s", nullptr, std::wstring(L"k\0\0###", 6)},
+      {nullptr, nullptr, std::wstring(L"s\0\0###", 6)},
+  };
+  for (Row const& row : rows) {
+    // Of sections as many as there is room for are looked for.
+    unsigned long const size = row.section == nullptr ? 3 : 6;
+    buffer.assign(6, L'#');
+    long const before = bytesRead();
+    ZuDB_GetPrivateProfileStringW(row.section, row.key, kNone, buffer.data(), size, file.c_str());
+    EXPECT_LT(bytesRead() - before, kMost) << &row - rows.data();
+    EXPECT_EQ(buffer, row.buffer) << &row - rows.data();
+  }
+  long const before = bytesRead();
+  EXPECT_EQ(valueOf(file, L"u", L"k"), L"w");
+  EXPECT_GE(bytesRead() - before, 8 << 20);
+}
+
+#endif
+
 struct WriteRow {
   char const* name;
   std::string before;
-  wchar_t const* section;
-  wchar_t const* key;
-  wchar_t const* value;
   std::string after;
+  wchar_t const* value = L"v";
+  wchar_t const* key = L"k";
+  wchar_t const* section = L"s";
 };
 
 void PrintTo(WriteRow const& row, std::ostream* out) { *out << row.name; }
@@ -339,69 +415,61 @@ TEST_P(ProfileChangeTest, ChangesThatAlone) {
 INSTANTIATE_TEST_SUITE_P(
     Rows, ProfileChangeTest,
     testing::Values(
-        WriteRow{"EmptyFile", "", L"s", L"k", L"v", "[s]\nk=v\n"},
-        WriteRow{"Replaced", "[s]\na=1\nk=old\nb=2\n", L"s", L"k", L"new",
-                 "[s]\na=1\nk=new\nb=2\n"},
-        WriteRow{"BytesBeforeTheValueStay", "[s]\n K \t=\t old \t\n", L"s", L"k", L"new",
-                 "[s]\n K \t=\t new\n"},
-        WriteRow{"QuotesGo", "[s]\nk=\"old\"\n", L"s", L"k", L"new", "[s]\nk=new\n"},
-        WriteRow{"QuotesAreStoredAsGiven", "[s]\nk=old\n", L"s", L"k", L"\"new\"",
-                 "[s]\nk=\"new\"\n"},
-        WriteRow{"BlanksAreStoredAsGiven", "[s]\nk= old\n", L"s", L"k", L"  new ",
-                 "[s]\nk=  new \n"},
-        WriteRow{"BlanksDoNotAddUp", "[s]\nk=  new \n", L"s", L"k", L"  new ", "[s]\nk=  new \n"},
-        WriteRow{"EmptyValue", "[s]\nk = old\n", L"s", L"k", L"", "[s]\nk = \n"},
-        WriteRow{"ValueFromEmpty", "[s]\nk=\nl=1\n", L"s", L"k", L"v", "[s]\nk=v\nl=1\n"},
-        WriteRow{"ValueOfAnyCharacters", "[s]\n", L"s", L"k", L"a=b;[c]\u20AC\U0001F600",
-                 "[s]\nk=a=b;[c]\xE2\x82\xAC\xF0\x9F\x98\x80\n"},
-        WriteRow{"CommentsAndOrderStay", "; top\n[s]\n;k=1\n\nk=2 ; x\n; end\n[t]\nk=3\n", L"s",
-                 L"k", L"v", "; top\n[s]\n;k=1\n\nk=v\n; end\n[t]\nk=3\n"},
-        WriteRow{"NoFinalLineEndStays", "[s]\nk=old", L"s", L"k", L"v", "[s]\nk=v"},
-        WriteRow{"NewKeyAfterNoFinalLineEnd", "[s]\na=1", L"s", L"k", L"v", "[s]\na=1\nk=v\n"},
-        WriteRow{"NewSectionAfterNoFinalLineEnd", "[s]\na=1", L"t", L"k", L"v",
-                 "[s]\na=1\n[t]\nk=v\n"},
-        WriteRow{"NewKeyAfterTheLastLine", "[s]\na=1\n; end\n\n \t\n[t]\n", L"s", L"k", L"v",
+        WriteRow{"EmptyFile", "", "[s]\nk=v\n"},
+        WriteRow{"Replaced", "[s]\na=1\nk=old\nb=2\n", "[s]\na=1\nk=new\nb=2\n", L"new"},
+        WriteRow{"BytesBeforeTheValueStay", "[s]\n K \t=\t old \t\n", "[s]\n K \t=\t new\n",
+                 L"new"},
+        WriteRow{"QuotesGo", "[s]\nk=\"old\"\n", "[s]\nk=new\n", L"new"},
+        WriteRow{"QuotesAreStoredAsGiven", "[s]\nk=old\n", "[s]\nk=\"new\"\n", L"\"new\""},
+        WriteRow{"BlanksAreStoredAsGiven", "[s]\nk= old\n", "[s]\nk=  new \n", L"  new "},
+        WriteRow{"BlanksDoNotAddUp", "[s]\nk=  new \n", "[s]\nk=  new \n", L"  new "},
+        WriteRow{"EmptyValue", "[s]\nk = old\n", "[s]\nk = \n", L""},
+        WriteRow{"ValueFromEmpty", "[s]\nk=\nl=1\n", "[s]\nk=v\nl=1\n"},
+        WriteRow{"ValueOfAnyCharacters", "[s]\n", "[s]\nk=a=b;[c]\xE2\x82\xAC\xF0\x9F\x98\x80\n",
+                 L"a=b;[c]\u20AC\U0001F600"},
+        WriteRow{"CommentsAndOrderStay", "; top\n[s]\n;k=1\n\nk=2 ; x\n; end\n[t]\nk=3\n",
+                 "; top\n[s]\n;k=1\n\nk=v\n; end\n[t]\nk=3\n"},
+        WriteRow{"NoFinalLineEndStays", "[s]\nk=old", "[s]\nk=v"},
+        WriteRow{"NewKeyAfterNoFinalLineEnd", "[s]\na=1", "[s]\na=1\nk=v\n"},
+        WriteRow{"NewSectionAfterNoFinalLineEnd", "[s]\na=1", "[s]\na=1\n[t]\nk=v\n", L"v", L"k",
+                 L"t"},
+        WriteRow{"NewKeyAfterTheLastLine", "[s]\na=1\n; end\n\n \t\n[t]\n",
                  "[s]\na=1\n; end\nk=v\n\n \t\n[t]\n"},
-        WriteRow{"NewKeyInAnEmptySection", "[s]\n\n[t]\n", L"s", L"k", L"v", "[s]\nk=v\n\n[t]\n"},
-        WriteRow{"NewKeyBeforeAnOpenBlankLine", "[s]\na=1\n  ", L"s", L"k", L"v",
-                 "[s]\na=1\nk=v\n  "},
-        WriteRow{"NewSectionAtTheEnd", "[s]\na=1\n\n", L"t", L"k", L"v", "[s]\na=1\n\n[t]\nk=v\n"},
-        WriteRow{"NamesAreTrimmed", "", L" s ", L"\tk ", L"v", "[s]\nk=v\n"},
-        WriteRow{"EmptySectionName", "k=1\n", L"", L"k", L"v", "k=1\n[]\nk=v\n"},
-        WriteRow{"CaseOfNames", "[S\xC3\x84]\nK\xC3\x89=1\n", L"s\u00E4", L"k\u00E9", L"v",
-                 "[S\xC3\x84]\nK\xC3\x89=v\n"},
-        WriteRow{"FirstOfEqualNames", "[s]\nk=1\nK=2\n[S]\nk=3\n", L"S", L"K", L"v",
-                 "[s]\nk=v\nK=2\n[S]\nk=3\n"},
-        WriteRow{"NewKeyInTheFirstSection", "[s]\n[S]\nk=3\n", L"S", L"K", L"v",
-                 "[s]\nK=v\n[S]\nk=3\n"},
-        WriteRow{"CarriageReturnsStay", "[s]\r\nk= old \r\nl=1\r\n", L"s", L"k", L"v",
-                 "[s]\r\nk= v\r\nl=1\r\n"},
-        WriteRow{"NewLinesEndAsTheFirst", "[s]\r\na=1", L"s", L"k", L"v", "[s]\r\na=1\r\nk=v\r\n"},
-        WriteRow{"NewSectionEndsAsTheFirst", "; x\r\n", L"s", L"k", L"v", "; x\r\n[s]\r\nk=v\r\n"},
-        WriteRow{"MixedLineEnds", "[s]\nk=1\r\nl=2\n", L"s", L"k", L"v", "[s]\nk=v\r\nl=2\n"},
-        WriteRow{"MixedLineEndsNewKey", "[s]\nk=1\r\n", L"s", L"n", L"v", "[s]\nk=1\r\nn=v\n"},
-        WriteRow{"ByteOrderMark", "\xEF\xBB\xBF[s]\nk=1\n", L"s", L"k", L"v",
-                 "\xEF\xBB\xBF[s]\nk=v\n"},
-        WriteRow{"ByteOrderMarkAlone", "\xEF\xBB\xBF", L"s", L"k", L"v", "\xEF\xBB\xBF[s]\nk=v\n"},
-        WriteRow{"InvalidBytesStay", "\xFF\n[s\xFE]\n\xFD=\xFC\n[s]\nk=\xFB\n", L"s", L"k", L"v",
+        WriteRow{"NewKeyInAnEmptySection", "[s]\n\n[t]\n", "[s]\nk=v\n\n[t]\n"},
+        WriteRow{"NewKeyBeforeAnOpenBlankLine", "[s]\na=1\n  ", "[s]\na=1\nk=v\n  "},
+        WriteRow{"NewSectionAtTheEnd", "[s]\na=1\n\n", "[s]\na=1\n\n[t]\nk=v\n", L"v", L"k", L"t"},
+        WriteRow{"NamesAreTrimmed", "", "[s]\nk=v\n", L"v", L"\tk ", L" s "},
+        WriteRow{"EmptySectionName", "k=1\n", "k=1\n[]\nk=v\n", L"v", L"k", L""},
+        WriteRow{"CaseOfNames", "[S\xC3\x84]\nK\xC3\x89=1\n", "[S\xC3\x84]\nK\xC3\x89=v\n", L"v",
+                 L"k\u00E9", L"s\u00E4"},
+        WriteRow{"FirstOfEqualNames", "[s]\nk=1\nK=2\n[S]\nk=3\n", "[s]\nk=v\nK=2\n[S]\nk=3\n",
+                 L"v", L"K", L"S"},
+        WriteRow{"NewKeyInTheFirstSection", "[s]\n[S]\nk=3\n", "[s]\nK=v\n[S]\nk=3\n", L"v", L"K",
+                 L"S"},
+        WriteRow{"CarriageReturnsStay", "[s]\r\nk= old \r\nl=1\r\n", "[s]\r\nk= v\r\nl=1\r\n"},
+        WriteRow{"NewLinesEndAsTheFirst", "[s]\r\na=1", "[s]\r\na=1\r\nk=v\r\n"},
+        WriteRow{"NewSectionEndsAsTheFirst", "; x\r\n", "; x\r\n[s]\r\nk=v\r\n"},
+        WriteRow{"MixedLineEnds", "[s]\nk=1\r\nl=2\n", "[s]\nk=v\r\nl=2\n"},
+        WriteRow{"MixedLineEndsNewKey", "[s]\nk=1\r\n", "[s]\nk=1\r\nn=v\n", L"v", L"n"},
+        WriteRow{"ByteOrderMark", "\xEF\xBB\xBF[s]\nk=1\n", "\xEF\xBB\xBF[s]\nk=v\n"},
+        WriteRow{"ByteOrderMarkAlone", "\xEF\xBB\xBF", "\xEF\xBB\xBF[s]\nk=v\n"},
+        WriteRow{"InvalidBytesStay", "\xFF\n[s\xFE]\n\xFD=\xFC\n[s]\nk=\xFB\n",
                  "\xFF\n[s\xFE]\n\xFD=\xFC\n[s]\nk=v\n"},
-        WriteRow{"NulsStay", std::string("a\0b\n[s]\nk=1\0x\nl=\0\n", 18), L"s", L"k", L"v",
+        WriteRow{"NulsStay", std::string("a\0b\n[s]\nk=1\0x\nl=\0\n", 18),
                  std::string("a\0b\n[s]\nk=v\nl=\0\n", 16)},
-        WriteRow{"KeyRemoved", "[s]\na=1\nk=2\nb=3\n", L"s", L"k", nullptr, "[s]\na=1\nb=3\n"},
-        WriteRow{"KeyRemovedAtTheEnd", "[s]\na=1\nk=2", L"s", L"k", nullptr, "[s]\na=1\n"},
-        WriteRow{"RepeatedKeyRemoved", "[s]\nk=1\na=1\nK=2\n[S]\nk=3\n", L"s", L"k", nullptr,
-                 "[s]\na=1\n[S]\nk=3\n"},
-        WriteRow{"MissingKeyRemoved", "[s]\na=1", L"s", L"k", nullptr, "[s]\na=1"},
-        WriteRow{"KeyOfAMissingSectionRemoved", "[t]\nk=1", L"s", L"k", nullptr, "[t]\nk=1"},
-        WriteRow{"SectionRemoved", "; top\n[a]\n[s]\nk=1\n; x\n\n[t]\nk=2\n", L"S", nullptr,
-                 nullptr, "; top\n[a]\n[t]\nk=2\n"},
-        WriteRow{"SectionRemovedWhateverTheValue", "[s]\nk=1\n[t]\n", L"s", nullptr, L"v", "[t]\n"},
-        WriteRow{"RepeatedSectionRemoved", "[s]\nk=1\n[t]\n[S]\nk=2\n", L"s", nullptr, nullptr,
-                 "[t]\n"},
-        WriteRow{"LastSectionRemoved", "[t]\r\n[s]\r\nk=1", L"s", nullptr, nullptr, "[t]\r\n"},
-        WriteRow{"OnlySectionRemoved", "\xEF\xBB\xBF[s]\nk=1\n", L"s", nullptr, nullptr,
-                 "\xEF\xBB\xBF"},
-        WriteRow{"MissingSectionRemoved", "[t]\nk=1", L"s", nullptr, nullptr, "[t]\nk=1"}),
+        WriteRow{"KeyRemoved", "[s]\na=1\nk=2\nb=3\n", "[s]\na=1\nb=3\n", nullptr},
+        WriteRow{"KeyRemovedAtTheEnd", "[s]\na=1\nk=2", "[s]\na=1\n", nullptr},
+        WriteRow{"RepeatedKeyRemoved", "[s]\nk=1\na=1\nK=2\n[S]\nk=3\n", "[s]\na=1\n[S]\nk=3\n",
+                 nullptr},
+        WriteRow{"MissingKeyRemoved", "[s]\na=1", "[s]\na=1", nullptr},
+        WriteRow{"KeyOfAMissingSectionRemoved", "[t]\nk=1", "[t]\nk=1", nullptr},
+        WriteRow{"SectionRemoved", "; top\n[a]\n[s]\nk=1\n; x\n\n[t]\nk=2\n",
+                 "; top\n[a]\n[t]\nk=2\n", nullptr, nullptr, L"S"},
+        WriteRow{"SectionRemovedWhateverTheValue", "[s]\nk=1\n[t]\n", "[t]\n", L"v", nullptr},
+        WriteRow{"RepeatedSectionRemoved", "[s]\nk=1\n[t]\n[S]\nk=2\n", "[t]\n", nullptr, nullptr},
+        WriteRow{"LastSectionRemoved", "[t]\r\n[s]\r\nk=1", "[t]\r\n", nullptr, nullptr},
+        WriteRow{"OnlySectionRemoved", "\xEF\xBB\xBF[s]\nk=1\n", "\xEF\xBB\xBF", nullptr, nullptr},
+        WriteRow{"MissingSectionRemoved", "[t]\nk=1", "[t]\nk=1", nullptr, nullptr}),
     nameOf<WriteRow>);
 
 TEST(ProfileWriteTest, MakesAMissingFileWithTheUmasksMode) {
@@ -417,6 +485,7 @@ TEST(ProfileWriteTest, RemovingFromAMissingFileMakesNone) {
   TemporaryFolder const folder;
   EXPECT_EQ(write(folder.wide("f"), L"s", L"k", nullptr), "success");
   EXPECT_EQ(write(folder.wide("f"), L"s", nullptr, nullptr), "success");
+  EXPECT_EQ(write(folder.wide("missing/f"), L"s", nullptr, nullptr), "success");
   EXPECT_FALSE(exists(folder / "f"));
 }
 
@@ -461,6 +530,51 @@ TEST(ProfileWriteTest, FollowsSymbolicLinks) {
   EXPECT_EQ(fileBytes(folder / "sub/file"), "[s]\nk=w\n");
   EXPECT_TRUE(std::filesystem::is_symlink(folder / "first"));
   EXPECT_TRUE(std::filesystem::is_symlink(folder / "sub/second"));
+}
+
+TEST(ProfileWriteTest, LongLinesStayAndLongValuesComeBack) {
+  constexpr std::size_t kLength = 10 << 20;
+  TemporaryFolder const folder;
+  std::string const comment = ";" + std::string(kLength, '\xFF') + "\r\n[s]\r\n";
+  makeFile(folder / "f", comment);
+  std::wstring const file = folder.wide("f");
+  std::wstring const value(kLength, L'x');
+  EXPECT_EQ(write(file, L"s", L"k", value.c_str()), "success");
+  EXPECT_TRUE(fileBytes(folder / "f") == comment + "k=" + std::string(kLength, 'x') + "\r\n");
+  std::wstring buffer(kLength + 1, L'#');
+  EXPECT_EQ(
+      ZuDB_GetPrivateProfileStringW(L"s", L"k", kNone, buffer.data(), kLength + 1, file.c_str()),
+      kLength);
+  EXPECT_TRUE(std::wcscmp(buffer.data(), value.c_str()) == 0);
+  EXPECT_EQ(write(file, L"s", L"k", nullptr), "success");
+  EXPECT_TRUE(fileBytes(folder / "f") == comment);
+}
+
+// A reader would take the file for one that cannot be read from there on.
+TEST(ProfileWriteTest, RefusesLinesThatCannotBeRead) {
+  TemporaryFolder const folder;
+  std::string const before = "[s]\nk=\nl=w\n";
+  makeFile(folder / "f", before);
+  std::wstring const file = folder.wide("f");
+  std::wstring text(16 << 20, L'\U0001F600');  // 64 MiB
+  EXPECT_EQ(write(file, L"s", L"k", text.c_str()), std::strerror(EFBIG));
+  EXPECT_EQ(write(file, L"s", text.c_str(), L"v"), std::strerror(EFBIG));
+  EXPECT_EQ(write(file, text.c_str(), L"k", L"v"), std::strerror(EFBIG));
+  EXPECT_EQ(fileBytes(folder / "f"), before);
+  text.pop_back();
+  EXPECT_EQ(write(file, L"s", L"k", text.c_str()), "success");
+  EXPECT_EQ(valueOf(file, L"s", L"l"), L"w");
+}
+
+TEST(ProfileWriteTest, RefusesToMakeAFileThatIsTooLarge) {
+  constexpr off_t kLargest = 256 << 20;
+  TemporaryFolder const folder;
+  makeFile(folder / "f", "[s]\nk=v\n");
+  ASSERT_EQ(::truncate((folder / "f").c_str(), kLargest), 0) << std::strerror(errno);
+  EXPECT_EQ(write(folder.wide("f"), L"s", L"k", L"long"), std::strerror(EFBIG));
+  EXPECT_EQ(write(folder.wide("f"), L"s", L"k", L"v"), "success");
+  EXPECT_EQ(statusOf(folder / "f").st_size, kLargest);
+  EXPECT_EQ(valueOf(folder.wide("f"), L"s", L"k"), L"v");
 }
 
 TEST(ProfileWriteTest, RefusesWhatTheFileCannotHold) {
@@ -550,16 +664,58 @@ TEST(ProfileWriteTest, FilesAndFoldersWithoutWritePermissionAreErrors) {
   makeFile(folder / "closed/f", "[s]\nk=v\n");
   ASSERT_EQ(::chmod((folder / "closed/f").c_str(), 0666), 0);
   ASSERT_EQ(::chmod((folder / "closed").c_str(), 0555), 0);
+  makeFile(folder / "secret", "[s]\nk=v\n");
+  ASSERT_EQ(::chmod((folder / "secret").c_str(), 0222), 0);
   test::ChildResult const result = test::runInChild([&] {
     test::becomeOtherUser();
     EXPECT_EQ(write(folder.wide("f"), L"s", L"k", L"w"), std::strerror(EACCES));
+    EXPECT_EQ(write(folder.wide("secret"), L"s", L"k", L"w"), std::strerror(EACCES));
     EXPECT_EQ(write(folder.wide("closed/f"), L"s", L"k", L"w"), std::strerror(EACCES));
     EXPECT_EQ(write(folder.wide("closed/new"), L"s", L"k", L"w"), std::strerror(EACCES));
+    EXPECT_EQ(write(folder.wide("closed/new"), L"s", L"k", nullptr), "success");
   });
   EXPECT_EQ(result.status, 0) << result.standardError;
   ASSERT_EQ(::chmod((folder / "closed").c_str(), 0755), 0);
   EXPECT_EQ(fileBytes(folder / "f"), "[s]\nk=v\n");
   EXPECT_EQ(fileBytes(folder / "closed/f"), "[s]\nk=v\n");
+}
+
+// As in the folder for temporary files: who does not own a file may write it, but not
+// replace it.
+TEST(ProfileWriteTest, AnothersFileInAStickyFolderIsAnErrorExceptForRoot) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can make a file of another user";
+  constexpr uid_t kOwner = 23456;
+  TemporaryFolder const folder;
+  makeFile(folder / "f", "[s]\nk=v\n");
+  ASSERT_EQ(::chmod((folder / "f").c_str(), 0666), 0);
+  ASSERT_EQ(::chown((folder / "f").c_str(), kOwner, kOwner), 0);
+  ASSERT_EQ(::chmod(folder.path().c_str(), 01777), 0);
+  test::ChildResult const result = test::runInChild([&] {
+    test::becomeOtherUser();
+    EXPECT_EQ(write(folder.wide("f"), L"s", L"k", L"w"), std::strerror(EPERM));
+    EXPECT_EQ(valueOf(folder.wide("f"), L"s", L"k"), L"v");
+  });
+  EXPECT_EQ(result.status, 0) << result.standardError;
+  EXPECT_EQ(write(folder.wide("f"), L"s", L"k", L"w"), "success");
+  EXPECT_EQ(fileBytes(folder / "f"), "[s]\nk=w\n");
+  EXPECT_EQ(statusOf(folder / "f").st_uid, kOwner);
+  EXPECT_EQ(statusOf(folder / "f").st_mode & 07777, 0666U);
+  EXPECT_EQ(countIn(folder.path()), 1U);
+}
+
+TEST(ProfileWriteTest, FolderThatMayBeChangedButNotReadIsEnough) {
+  TemporaryFolder const folder;
+  ASSERT_EQ(::chmod(folder.path().c_str(), 0333), 0);
+  test::ChildResult const result = test::runInChild([&] {
+    test::becomeOtherUser();
+    EXPECT_NE(::access(folder.path().c_str(), R_OK), 0);
+    EXPECT_EQ(write(folder.wide("f"), L"s", L"k", L"v"), "success");
+    EXPECT_EQ(write(folder.wide("f"), L"s", L"k", L"w"), "success");
+  });
+  EXPECT_EQ(result.status, 0) << result.standardError;
+  ASSERT_EQ(::chmod(folder.path().c_str(), 0700), 0);
+  EXPECT_EQ(fileBytes(folder / "f"), "[s]\nk=w\n");
+  EXPECT_EQ(countIn(folder.path()), 1U);
 }
 
 TEST(ProfileWriteTest, FailureWhileWritingLeavesTheOldFileOrNone) {
@@ -574,138 +730,6 @@ TEST(ProfileWriteTest, FailureWhileWritingLeavesTheOldFileOrNone) {
   EXPECT_EQ(result.status, 0) << result.standardError;
   EXPECT_EQ(fileBytes(folder / "f"), "[s]\nk=v\n");
   EXPECT_EQ(countIn(folder.path()), 1U);
-}
-
-/// An exclusive lock on a file, as any program can hold it.
-class HeldLock {
-public:
-  explicit HeldLock(std::string const& path) : fd_(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
-    EXPECT_EQ(::flock(fd_, LOCK_EX), 0);
-  }
-
-  ~HeldLock() { ::close(fd_); }
-
-  HeldLock(HeldLock const&) = delete;
-  HeldLock& operator=(HeldLock const&) = delete;
-
-private:
-  int fd_;
-};
-
-TEST(ProfileWriteTest, GivesUpWaitingForALockThatIsNeverReleased) {
-  TemporaryFolder const folder;
-  makeFile(folder / "f", "[s]\nk=v\n");
-  HeldLock const lock(folder / "f");
-  EXPECT_EQ(write(folder.wide("f"), L"s", L"k", L"w"), std::strerror(ETIMEDOUT));
-  EXPECT_EQ(fileBytes(folder / "f"), "[s]\nk=v\n");
-  EXPECT_EQ(valueOf(folder.wide("f"), L"s", L"k"), L"v");  // readers do not wait
-}
-
-TEST(ProfileWriteTest, WaitsForALockAndThenTakesTheFileThatHasTheName) {
-  TemporaryFolder const folder;
-  for (int round = 0; round < 20; ++round) {
-    makeFile(folder / "f", "[old]\n");
-    makeFile(folder / "neighbour", "[new]\n");
-    std::thread writer;
-    {
-      HeldLock const lock(folder / "f");
-      writer =
-          std::thread([&] { EXPECT_EQ(write(folder.wide("f"), L"new", L"k", L"v"), "success"); });
-      ASSERT_EQ(::rename((folder / "neighbour").c_str(), (folder / "f").c_str()), 0);
-    }
-    writer.join();
-    ASSERT_EQ(fileBytes(folder / "f"), "[new]\nk=v\n");
-  }
-}
-
-constexpr int kWriters = 8;
-constexpr int kKeysOfAWriter = 25;
-
-std::wstring keyOf(int writer, int number) {
-  return L"key" + std::to_wstring(writer) + L"-" + std::to_wstring(number);
-}
-
-/// False where a write has failed.
-bool writeKeys(std::wstring const& file, int writer) {
-  bool isGood = true;
-  for (int i = 0; i < kKeysOfAWriter; ++i) {
-    std::wstring const key = keyOf(writer, i);
-    isGood = write(file, L"s", key.c_str(), key.c_str()) == "success" && isGood;
-  }
-  return isGood;
-}
-
-void expectAllKeys(std::wstring const& file) {
-  for (int writer = 0; writer < kWriters; ++writer) {
-    for (int i = 0; i < kKeysOfAWriter; ++i) {
-      std::wstring const key = keyOf(writer, i);
-      EXPECT_EQ(valueOf(file, L"s", key.c_str()), key);
-    }
-  }
-}
-
-TEST(ProfileWriteTest, ProcessesThatWriteAtOnceLoseNothing) {
-  TemporaryFolder const folder;
-  std::wstring const file = folder.wide("f");
-  std::vector<pid_t> children;
-  for (int writer = 0; writer < kWriters; ++writer) {
-    pid_t const child = ::fork();
-    if (child == 0) ::_exit(writeKeys(file, writer) ? 0 : 1);
-    children.push_back(child);
-  }
-  for (pid_t const child : children) EXPECT_EQ(test::waitFor(child), 0);
-  expectAllKeys(file);
-  EXPECT_EQ(countIn(folder.path()), 1U);
-}
-
-TEST(ProfileWriteTest, ThreadsThatWriteAtOnceLoseNothing) {
-  TemporaryFolder const folder;
-  std::wstring const file = folder.wide("f");
-  std::vector<std::thread> threads;
-  for (int writer = 0; writer < kWriters; ++writer) {
-    threads.emplace_back([&file, writer] { EXPECT_TRUE(writeKeys(file, writer)); });
-  }
-  for (std::thread& thread : threads) thread.join();
-  expectAllKeys(file);
-}
-
-/// Writes two values in turn, of different lengths, until it is killed; tells by a
-/// byte that it has begun.
-[[noreturn]] void writeForEver(std::wstring const& file, int begun) {
-  std::array<std::wstring, 2> const values{std::wstring(100, L'a'), std::wstring(60000, L'b')};
-  for (std::size_t i = 0;; ++i) {
-    if (write(file, L"s", L"k", values[i % 2].c_str()) != "success") ::_exit(1);
-    if (i == 0 && ::write(begun, "x", 1) != 1) ::_exit(2);
-  }
-}
-
-TEST(ProfileWriteTest, KilledWriterLeavesTheOldFileOrTheNewOne) {
-  constexpr int kRounds = 60;
-  TemporaryFolder const folder;
-  std::string const frame = "; top\n[s]\nk=";
-  std::string const first = frame + std::string(100, 'a') + "\n; end\n";
-  std::string const second = frame + std::string(60000, 'b') + "\n; end\n";
-  makeFile(folder / "f", first);
-  std::mt19937 random(20261121);
-  for (int round = 0; round < kRounds; ++round) {
-    std::array<int, 2> ends{};
-    ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
-    pid_t const child = ::fork();
-    if (child == 0) writeForEver(folder.wide("f"), ends[1]);
-    ::close(ends[1]);
-    char begun = '\0';
-    EXPECT_EQ(::read(ends[0], &begun, 1), 1);
-    ::close(ends[0]);
-    // Not to wait for anything, but to meet it anywhere.
-    std::this_thread::sleep_for(std::chrono::microseconds(random() % 8000));
-    ASSERT_EQ(::kill(child, SIGKILL), 0);
-    int const status = test::waitFor(child);
-    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
-    std::string const bytes = fileBytes(folder / "f");
-    ASSERT_TRUE(bytes == first || bytes == second) << round << ": " << bytes.size();
-  }
-  // Nor does it leave a lock.
-  EXPECT_EQ(write(folder.wide("f"), L"s", L"k", L"v"), "success");
 }
 
 /// A file of lines that mean something and lines that do not.

@@ -11,3 +11,8 @@ vrxutil_test(platform profile_string_test)
 vrxutil_test(platform log_line_test platform_common spdlog::spdlog)
 target_sources(platform_log_line_test PRIVATE
   "${PROJECT_SOURCE_DIR}/platform/vrxcomn/log_line.cpp")
+
+# Holds the source of the lock, which the library hides.
+vrxutil_test(platform profile_string_writers_test platform_common)
+target_sources(platform_profile_string_writers_test PRIVATE
+  "${PROJECT_SOURCE_DIR}/platform/zulral/profile_lock.cpp")

@@ -79,8 +79,9 @@ ZULRAL_EXPORT unsigned long ZuDB_GetPrivateProfileStringW(wchar_t const* section
 /// EINVAL: null or empty `fileName`, null `section`; a line end in section, key or
 /// value; "]" in the section; "=" in the key; a key that is blank or begins with
 /// ";" or "["; a file that is no regular file (EISDIR for a folder). EILSEQ: a
-/// character that has no UTF-8 form. EFBIG: a file of more than 256 MiB. EACCES: a
-/// file or folder that may not be written. Otherwise as open(2), write(2) and
+/// character that has no UTF-8 form. EFBIG: a file of more than 256 MiB, before or
+/// afterwards, or a new line of more than 64 MiB. EACCES: a file or folder that may
+/// not be written; EPERM: another's file in a sticky folder. Otherwise as open(2), write(2) and
 /// rename(2) say.
 ZULRAL_EXPORT int ZuDB_WritePrivateProfileStringW(wchar_t const* section, wchar_t const* key,
                                                   wchar_t const* value, wchar_t const* fileName);
