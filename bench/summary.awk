@@ -25,7 +25,12 @@ function notes_of(run,    notes) {
   if ((run, "allocs") in counter) notes = sprintf("%.3g allocations", counter[run, "allocs"])
   if ((run, "memoryPerByte") in counter)
     notes = sprintf("memory %.1f bytes/byte", counter[run, "memoryPerByte"])
+  if ((run, "memoryToMaps") in counter)
+    notes = sprintf("memory %.2f of the maps", counter[run, "memoryToMaps"])
+  if ((run, "allocsPerPair") in counter)
+    notes = notes sprintf(", %.2f allocations a pair", counter[run, "allocsPerPair"])
   if ((run, "perChild") in counter) notes = time_of(counter[run, "perChild"] * 1e9) " each"
+  if ((run, "perLookup") in counter) notes = time_of(counter[run, "perLookup"] * 1e9) " each"
   return notes
 }
 
@@ -39,6 +44,7 @@ function print_figure(line,    field, count, run, base, ratio, goal) {
   heading = ""
   ratio = ""
   if ((run, "toExpat") in counter) ratio = sprintf("%.2f", counter[run, "toExpat"])
+  else if ((run, "toGKeyFile") in counter) ratio = sprintf("%.2f", counter[run, "toGKeyFile"])
   else if (base in median) ratio = sprintf("%.2f", median[run] / median[base])
   line = sprintf("  %-50s %11s %7s  %s%s", trim(field[1]), time_of(median[run]), ratio,
                  notes_of(run), goal)
@@ -66,7 +72,7 @@ FNR == NR {
   if (aggregate == "median")
     median[run] = (run ~ /\/(manual|real)_time$/ ? real : cpu) * in_nanoseconds[value_of($0)]
 }
-/"(allocs|memoryPerByte|perChild|toExpat)"/ {
+/"(allocs|allocsPerPair|memoryPerByte|memoryToMaps|perChild|perLookup|toExpat|toGKeyFile)"/ {
   if (aggregate == "median") {
     key = $0
     sub(/^[ \t]*"/, "", key)

@@ -1,7 +1,7 @@
 // The store of AnIni2, and its writer.
 
 #include "ini/pair_index.h"
-#include "ini/unsorted_pairs.h"
+#include "ini/parsed_pairs.h"
 #include "linux/call_text.h"
 #include "platform/common/file_io.h"
 
@@ -10,6 +10,7 @@
 #include <vrxutil/log.h>
 #include <vrxutil/xml.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <clocale>
 #include <exception>
@@ -19,6 +20,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -57,11 +59,20 @@ bool canBeMade(std::string path) {
   return ::faccessat(AT_FDCWD, folder.empty() ? "." : folder.c_str(), W_OK | X_OK, AT_EACCESS) == 0;
 }
 
+/// Whether the process may give its files the group `group`.
+bool hasGroup(gid_t group) {
+  if (group == ::getegid()) return true;
+  int const count = std::max(::getgroups(0, nullptr), 0);
+  std::vector<gid_t> groups(static_cast<std::size_t>(count));
+  return ::getgroups(count, groups.data()) == count &&
+         std::find(groups.begin(), groups.end(), group) != groups.end();
+}
+
 /// Whether another file can take the place of this one and be like it to all who
-/// know it: it has no other name, and its owner can be kept.
+/// know it: it has no other name, and its owner and group can be kept.
 bool isReplaceable(struct stat const& status) {
-  bool const keepsOwner = status.st_uid == ::geteuid() || ::geteuid() == 0;
-  return S_ISREG(status.st_mode) && status.st_nlink == 1 && keepsOwner;
+  bool const isOurs = status.st_uid == ::geteuid() && hasGroup(status.st_gid);
+  return S_ISREG(status.st_mode) && status.st_nlink == 1 && (isOurs || ::geteuid() == 0);
 }
 
 /// Whether the folder, or the place in it, allows no replacing: no right to it, a
@@ -70,24 +81,31 @@ bool isRefusal(int number) {
   return number == EACCES || number == EPERM || number == EROFS || number == EBUSY;
 }
 
-std::optional<FileError> writeInPlace(Descriptor const& file, bool isRegular,
-                                      std::string const& path, std::string_view bytes) {
-  if (isRegular && ::ftruncate(file.get(), 0) != 0) return FileError{"cut", path, errno};
-  if (!vrxutil::detail::writeAll(file.get(), bytes)) return FileError{"write", path, errno};
+/// What errno says of the call before.
+FileError lastError(char const* action, std::string const& path) {
+  int const number = errno;
+  return {action, path, number};
+}
+
+std::optional<FileError> writeInPlace(Descriptor& file, bool isRegular, std::string const& path,
+                                      std::string_view bytes) {
+  if (isRegular && ::ftruncate(file.get(), 0) != 0) return lastError("cut", path);
+  if (!vrxutil::detail::writeAll(file.get(), bytes)) return lastError("write", path);
+  if (!file.close()) return lastError("close", path);
   return std::nullopt;
 }
 
 /// Gives the file at `path` new contents; `file` is open for it, or none where it
 /// does not exist yet.
-std::optional<FileError> rewrite(Descriptor const& file, std::string const& path,
+std::optional<FileError> rewrite(Descriptor& file, std::string const& path,
                                  std::string_view bytes) {
   if (!file) return vrxutil::detail::replaceFile(path, bytes);
 
   struct stat status {};
 
-  if (::fstat(file.get(), &status) != 0) return FileError{"write", path, errno};
+  if (::fstat(file.get(), &status) != 0) return lastError("write", path);
   if (isReplaceable(status)) {
-    std::optional<FileError> const failure = vrxutil::detail::replaceFile(path, bytes);
+    std::optional<FileError> failure = vrxutil::detail::replaceFile(path, bytes);
     if (!failure || !isRefusal(failure->number)) return failure;
   }
   return writeInPlace(file, S_ISREG(status.st_mode), path, bytes);
@@ -110,11 +128,15 @@ AnIni2::~AnIni2() {
     AnIni2::close();
   } catch (std::exception const& exception) {
     logLostChanges(exception);
+  } catch (...) {
+    return;  // of a logger, which is not called once more
   }
 }
 
 bool AnIni2::open(AString const& name) {
-  AString const newName(name);  // close() empties the present one
+  // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): it may be the present one,
+  // which close() empties
+  AString const newName(name);
   close();
   AnIni::open(newName);
   initialize();
@@ -139,8 +161,8 @@ void AnIni2::logLostChanges(std::exception const& exception) noexcept {
   try {
     logInternalError(kGroup, AString(L"Exception ")
                                  << exception.what() << L" trying to write " << fileName);
-  } catch (std::exception const&) {
-    return;  // for lack of memory, nobody can be told
+  } catch (...) {
+    return;  // for lack of memory or by the logger: nobody can be told
   }
 }
 
@@ -256,7 +278,7 @@ void AnIni2::write() {
   if (dirty_ == 0) return;
   std::wstring const text = textOf(sections_);
   std::string const path = ACharString(fileName).operator char const*();
-  Descriptor const file = vrxutil::detail::openWithoutWaiting(path, O_WRONLY);
+  Descriptor file = vrxutil::detail::openWithoutWaiting(path, O_WRONLY);
   if (file || (errno == ENOENT && canBeMade(path))) {
     // NOLINTNEXTLINE(concurrency-mt-unsafe): documented in the header
     std::setlocale(LC_ALL, "");

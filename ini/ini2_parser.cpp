@@ -1,6 +1,6 @@
 // The reader of AnIni2: a file's contents, and the grammar as a table of states.
 
-#include "ini/unsorted_pairs.h"
+#include "ini/parsed_pairs.h"
 #include "linux/call_text.h"
 #include "platform/common/file_io.h"
 #include "platform/common/utf8.h"
@@ -27,15 +27,12 @@ namespace {
 
 using vornix_com::file::ini::State;
 using vrxutil::detail::Descriptor;
+using vrxutil::detail::ParsedPairs;
 
 constexpr wchar_t kGroup[] = L"ini";
 
 /// Enough for nearly all files, and for the NUL in what is no text at all.
 constexpr std::size_t kFirstBlock = 65536;
-
-/// Bytes that are widened at a time; a large file as wide text would take four
-/// times its size.
-constexpr std::size_t kPiece = 16384;
 
 /// The byte-order mark, which AnXml::convertUtf8ToUnicode() drops.
 constexpr std::string_view kMark = "\xEF\xBB\xBF";
@@ -43,7 +40,7 @@ constexpr std::string_view kMark = "\xEF\xBB\xBF";
 /// Reads what is left of `file`, up to the block with its first NUL, where the
 /// text ends: so does a device that gives zeros for ever. `expected` bytes are
 /// likely to come. False with errno set and the bytes before the failure.
-bool readToNul(Descriptor const& file, std::size_t expected, std::string& bytes) {
+bool readToNul(Descriptor const& file, std::size_t expected, ParsedPairs::Text& bytes) {
   bytes.resize(kFirstBlock);
   std::size_t count = 0;
   while (true) {
@@ -63,7 +60,7 @@ bool readToNul(Descriptor const& file, std::size_t expected, std::string& bytes)
 }
 
 /// What AnXml::convertUtf8ToUnicode() returns and logs, without the wide text.
-bool isUtf8(std::string const& text) {
+bool isUtf8(ParsedPairs::Text const& text) {
   if (vrxutil::detail::validUtf8Size(text) != text.size()) {
     AString nothing;
     return AnXml::convertUtf8ToUnicode(text.c_str(), nothing);
@@ -75,26 +72,41 @@ bool isUtf8(std::string const& text) {
 
 /// Characters that end a run in a section's name, a key, a value or a comment.
 constexpr auto kSpecial = [] {
-  std::array<bool, 128> special{};
+  std::array<bool, 256> special{};
   for (char const c : std::string_view("\n\r[]=")) special[static_cast<unsigned char>(c)] = true;
   return special;
 }();
 
-/// Number of characters at the start of `text` that processDefault() takes in
-/// states other than betweenLines.
-std::size_t ordinaryPrefix(std::wstring_view text) {
-  auto const isSpecial = [](wchar_t c) {
-    auto const u = static_cast<char32_t>(c);
-    return u < kSpecial.size() && kSpecial[u];
-  };
-  return static_cast<std::size_t>(std::find_if(text.begin(), text.end(), isSpecial) - text.begin());
+bool isSpecial(char c) { return kSpecial[static_cast<unsigned char>(c)]; }
+
+/// Whether a byte is none of the first of its character.
+bool isContinuation(char byte) { return (static_cast<unsigned char>(byte) & 0xC0) == 0x80; }
+
+/// Where a line begins, the character that `utf8` begins with. Elsewhere as many
+/// as meet the same cell of the table: they are taken at once.
+std::string_view nextCharacters(std::string_view utf8, State state) {
+  std::size_t size = 1;
+  if (state == State::betweenLines) {
+    while (size < utf8.size() && isContinuation(utf8[size])) ++size;
+  } else if (!isSpecial(utf8.front())) {
+    while (size < utf8.size() && !isSpecial(utf8[size])) ++size;
+  }
+  return utf8.substr(0, size);
 }
 
-/// iswspace. No locale counts the visible characters of ASCII as white space
-/// (POSIX XBD 7.3.1: class space has none of class graph).
-bool isWhiteSpace(wchar_t c) {
-  bool const isVisibleAscii = c > L' ' && c < 0x7F;
-  return !isVisibleAscii && std::iswspace(static_cast<std::wint_t>(c)) != 0;
+/// Adds `next` to a part of the text: it is the part's beginning, or follows it.
+void extend(std::string_view& part, std::string_view next) {
+  part = part.empty() ? next : std::string_view(part.data(), part.size() + next.size());
+}
+
+/// iswspace of the character at the front. No locale counts the visible characters
+/// of ASCII as white space (POSIX XBD 7.3.1: class space has none of class graph).
+bool startsWithWhiteSpace(std::string_view utf8) {
+  bool const isVisibleAscii = utf8.front() > ' ' && utf8.front() < 0x7F;
+  if (isVisibleAscii) return false;
+  std::array<wchar_t, vrxutil::detail::kMaxUtf8Size> c;
+  vrxutil::detail::decodeUtf8(utf8.substr(0, c.size()), c.data());
+  return std::iswspace(static_cast<std::wint_t>(c.front())) != 0;
 }
 
 }  // namespace
@@ -105,12 +117,12 @@ void AnIni2::initialize() {
   try {
     parsed_ = parse() ? 1 : 0;
   } catch (...) {  // of a record that could not be made
-    unsorted_.reset();
+    pairs_.reset();
     clear();
     dirty_ = 0;
     throw;
   }
-  unsorted_.reset();
+  pairs_.reset();
   dirty_ = 0;
   if (parsed()) return;
   clear();
@@ -119,11 +131,11 @@ void AnIni2::initialize() {
 
 bool AnIni2::parse() {
   try {
-    std::string utf8;
-    if (!readFile(utf8)) return false;
+    pairs_ = std::make_unique<ParsedPairs>();
+    if (!readFile()) return false;
     // NOLINTNEXTLINE(concurrency-mt-unsafe): documented in the header
     std::setlocale(LC_ALL, "");
-    return parseText(utf8);
+    return parseText(pairs_->text());
   } catch (std::exception const& exception) {
     logInternalError(kGroup, AString(L"Exception ")
                                  << exception.what() << L" trying to parse " << fileName);
@@ -133,7 +145,7 @@ bool AnIni2::parse() {
 
 // What cannot be opened, or not read at all, is an empty text. What can be read in
 // part only would be cut by the next write, and is not parsed.
-bool AnIni2::readFile(std::string& utf8) {
+bool AnIni2::readFile() {
   std::string const path = ACharString(fileName).operator char const*();
   Descriptor const file = vrxutil::detail::openWithoutWaiting(path, O_RDONLY);
 
@@ -143,6 +155,7 @@ bool AnIni2::readFile(std::string& utf8) {
 
   bool const isRegular = S_ISREG(status.st_mode);
   auto const size = isRegular ? static_cast<std::size_t>(status.st_size) : 0;
+  ParsedPairs::Text& utf8 = pairs_->text();
   bool const isComplete = readToNul(file, size, utf8);
   if (!isComplete && isRegular && !utf8.empty()) {
     logReadError(errno);
@@ -162,85 +175,63 @@ void AnIni2::logReadError(int number) {
 
 bool AnIni2::parseText(std::string_view utf8) {
   State state = State::betweenLines;
-  std::wstring section;
-  std::wstring key;
-  std::wstring value;
+  std::string_view section;
+  std::string_view key;
+  std::string_view value;
   int line = 1;
 
   if (utf8.starts_with(kMark)) utf8.remove_prefix(kMark.size());
-  std::wstring piece(kPiece, L'\0');
   while (!utf8.empty() && state != State::error) {
-    // A character that the end of the piece cuts is the start of the next piece.
-    auto const [read, written] = vrxutil::detail::decodeUtf8(utf8.substr(0, kPiece), piece.data());
-    parsePiece(std::wstring_view(piece.data(), written), state, section, key, value, line);
-    utf8.remove_prefix(read);
-  }
-  processEOF(state, section, key, value);
-  storeUnsorted();
-  return state == State::betweenLines;
-}
-
-void AnIni2::parsePiece(std::wstring_view text, State& state, std::wstring& section,
-                        std::wstring& key, std::wstring& value, int& line) {
-  while (!text.empty() && state != State::error) {
-    wchar_t const c = text.front();
-    text.remove_prefix(1);
-    switch (c) {
-      case L'\n':
-      case L'\r':
+    std::string_view const c = nextCharacters(utf8, state);
+    utf8.remove_prefix(c.size());
+    switch (c.front()) {
+      case '\n':
+      case '\r':
         processEOL(state, section, key, value, line);
         if (line < INT_MAX) ++line;
         break;
-      case L'[':
+      case '[':
         processLeftBracket(state, section, value, c, line);
         break;
-      case L']':
+      case ']':
         processRightBracket(state, section, value, c, line);
         break;
-      case L'=':
+      case '=':
         processEqualSign(state, key, value, c, line);
         break;
-      case L';':
+      case ';':
         if (state == State::betweenLines) state = State::inComment;
         [[fallthrough]];
       default:
         processDefault(state, section, key, value, c);
-        text.remove_prefix(processRun(state, section, key, value, text));
     }
   }
-}
-
-// The characters after one that processDefault() has taken, up to the next that
-// it does not take, meet the same cell of the table: they are taken at once.
-unsigned long AnIni2::processRun(State state, std::wstring& section, std::wstring& key,
-                                 std::wstring& value, std::wstring_view text) {
-  if (state == State::betweenLines) return 0;
-  std::wstring_view const run = text.substr(0, ordinaryPrefix(text));
-  if (state == State::inSection) section += run;
-  if (state == State::inKey) key += run;
-  if (state == State::inValue) value += run;
-  return run.size();
+  processEOF(state, section, key, value);
+  if (state != State::betweenLines) return false;
+  pairs_->moveTo(sections_);
+  return true;
 }
 
 // The grammar. One function is one row: what a character means in each state, and
 // the state after it.
 // clang-format off
+// NOLINTBEGIN(bugprone-branch-clone): each cell stands for itself
 
-void AnIni2::processLeftBracket(State& state, std::wstring& section, std::wstring& value,
-                                wchar_t c, int line) {
+void AnIni2::processLeftBracket(State& state, std::string_view& section, std::string_view& value,
+                                std::string_view c, int line) {
   wchar_t const* const unexpected = L"Unexpected: '[' ";
   switch (state) {
-    case State::betweenLines: section.clear();               state = State::inSection;    break;
+    case State::betweenLines: section = {};                  state = State::inSection;    break;
     case State::inSection:    fail(unexpected, line);        state = State::error;        break;
     case State::inKey:        fail(unexpected, line);        state = State::error;        break;
-    case State::inValue:      value += c;                    state = State::inValue;      break;
+    case State::inValue:      extend(value, c);              state = State::inValue;      break;
     case State::inComment:    fail(unexpected, line);        state = State::error;        break;
     case State::error:                                                                    break;
   }
 }
 
-void AnIni2::processRightBracket(State& state, std::wstring& section, std::wstring& value,
-                                 wchar_t c, int line) {
+void AnIni2::processRightBracket(State& state, std::string_view& section, std::string_view& value,
+                                 std::string_view c, int line) {
   wchar_t const* const unexpected = L"Unexpected: ']' ";
   wchar_t const* const empty = L"Unexpected: empty section ";
   switch (state) {
@@ -250,99 +241,90 @@ void AnIni2::processRightBracket(State& state, std::wstring& section, std::wstri
       else                  { trim(section);                 state = State::betweenLines; }
                                                                                           break;
     case State::inKey:        fail(unexpected, line);        state = State::error;        break;
-    case State::inValue:      value += c;                    state = State::inValue;      break;
+    case State::inValue:      extend(value, c);              state = State::inValue;      break;
     case State::inComment:    fail(unexpected, line);        state = State::error;        break;
     case State::error:                                                                    break;
   }
 }
 
-void AnIni2::processEqualSign(State& state, std::wstring& key, std::wstring& value,
-                              wchar_t c, int line) {
+void AnIni2::processEqualSign(State& state, std::string_view& key, std::string_view& value,
+                              std::string_view c, int line) {
   wchar_t const* const unexpected = L"Unexpected: '=' ";
   switch (state) {
     case State::betweenLines: fail(unexpected, line);        state = State::error;        break;
     case State::inSection:    fail(unexpected, line);        state = State::error;        break;
-    case State::inKey:        value.clear(); trim(key);      state = State::inValue;      break;
-    case State::inValue:      value += c;                    state = State::inValue;      break;
+    case State::inKey:        value = {};    trim(key);      state = State::inValue;      break;
+    case State::inValue:      extend(value, c);              state = State::inValue;      break;
     case State::inComment:    fail(unexpected, line);        state = State::error;        break;
     case State::error:                                                                    break;
   }
 }
 
-void AnIni2::processDefault(State& state, std::wstring& section, std::wstring& key,
-                            std::wstring& value, wchar_t c) {
+void AnIni2::processDefault(State& state, std::string_view& section, std::string_view& key,
+                            std::string_view& value, std::string_view c) {
   switch (state) {
     case State::betweenLines:
-      if (isWhiteSpace(c))  {                                state = State::betweenLines; }
-      else                  { key.assign(1, c);              state = State::inKey; }
+      if (startsWithWhiteSpace(c)) {                         state = State::betweenLines; }
+      else                  { key = c;                       state = State::inKey; }
                                                                                           break;
-    case State::inSection:    section += c;                  state = State::inSection;    break;
-    case State::inKey:        key += c;                      state = State::inKey;        break;
-    case State::inValue:      value += c;                    state = State::inValue;      break;
+    case State::inSection:    extend(section, c);            state = State::inSection;    break;
+    case State::inKey:        extend(key, c);                state = State::inKey;        break;
+    case State::inValue:      extend(value, c);              state = State::inValue;      break;
     case State::inComment:                                   state = State::inComment;    break;
     case State::error:                                                                    break;
   }
 }
 
-void AnIni2::processEOL(State& state, std::wstring& section, std::wstring& key,
-                        std::wstring& value, int line) {
+void AnIni2::processEOL(State& state, std::string_view& section, std::string_view& key,
+                        std::string_view& value, int line) {
   wchar_t const* const unexpected = L"Unexpected: new line ";
   switch (state) {
     case State::betweenLines:                                state = State::betweenLines; break;
     case State::inSection:    fail(unexpected, line);        state = State::error;        break;
     case State::inKey:        fail(unexpected, line);        state = State::error;        break;
     case State::inValue:      trim(value);
-                              storeParsed(section, key, value);
+                              pairs_->add(section, key, value);
                                                              state = State::betweenLines; break;
     case State::inComment:                                   state = State::betweenLines; break;
     case State::error:                                                                    break;
   }
 }
 
-void AnIni2::processEOF(State& state, std::wstring& section, std::wstring& key,
-                        std::wstring& value) {
+void AnIni2::processEOF(State& state, std::string_view& section, std::string_view& key,
+                        std::string_view& value) {
   switch (state) {
     case State::betweenLines:                                state = State::betweenLines; break;
     case State::inSection:                                   state = State::inSection;    break;
     case State::inKey:                                       state = State::inKey;        break;
     case State::inValue:      trim(value);
-                              storeParsed(section, key, value);
+                              pairs_->add(section, key, value);
                                                              state = State::betweenLines; break;
     case State::inComment:                                   state = State::inComment;    break;
     case State::error:                                                                    break;
   }
 }
 
+// NOLINTEND(bugprone-branch-clone)
 // clang-format on
 
-void AnIni2::removeLeadingWhiteSpace(std::wstring& text) {
-  text.erase(text.begin(), std::find_if_not(text.begin(), text.end(), isWhiteSpace));
+void AnIni2::removeLeadingWhiteSpace(std::string_view& text) {
+  while (!text.empty() && startsWithWhiteSpace(text)) {
+    text.remove_prefix(nextCharacters(text, State::betweenLines).size());
+  }
 }
 
-void AnIni2::removeTrailingWhiteSpace(std::wstring& text) {
-  while (!text.empty() && isWhiteSpace(text.back())) text.pop_back();
+void AnIni2::removeTrailingWhiteSpace(std::string_view& text) {
+  while (!text.empty()) {
+    std::size_t last = text.size() - 1;
+    while (last > 0 && isContinuation(text[last])) --last;
+    if (!startsWithWhiteSpace(text.substr(last))) return;
+    text = text.substr(0, last);
+  }
 }
 
-void AnIni2::trim(std::wstring& text) {
+void AnIni2::trim(std::string_view& text) {
   removeLeadingWhiteSpace(text);
   removeTrailingWhiteSpace(text);
-}
-
-// Pairs that do not come in ascending order wait until the section's other pairs
-// are known. What the map has by then is older: its last key only ever rises.
-void AnIni2::storeParsed(std::wstring const& section, std::wstring const& key,
-                         std::wstring const& value) {
-  bool const isSameSection = recent_ != sections_.end() && recent_->first == section;
-  if (!isSameSection) storeUnsorted();
-  if (!findSection(section) || recent_->second.rbegin()->first < key) {
-    return store(section, key, value);
-  }
-  if (!unsorted_) unsorted_ = std::make_unique<vrxutil::detail::UnsortedPairs>();
-  unsorted_->add(key, value);
-}
-
-void AnIni2::storeUnsorted() {
-  if (unsorted_) unsorted_->moveTo(recent_->second);
 }
 
 void AnIni2::fail(wchar_t const* what, int line) {

@@ -10,7 +10,8 @@
 // else is said.
 // Threads: an object belongs to one thread at a time. AnIni2 calls
 // setlocale(LC_ALL, "") when it parses and when it writes, which changes the
-// locale of the whole process: let main() do the same first.
+// locale of the whole process: let main() do the same first. Else a name beyond
+// ASCII reads as "?" at first, and the next write goes to the file of the real name.
 
 #pragma once
 
@@ -81,7 +82,7 @@ enum class State : int {
 namespace vrxutil::detail {
 
 class PairIndex;
-class UnsortedPairs;
+class ParsedPairs;
 
 }  // namespace vrxutil::detail
 
@@ -95,8 +96,9 @@ class UnsortedPairs;
 /// A file that cannot be opened, a folder and a FIFO without a writer are an
 /// empty store that counts as parsed: the first change then replaces whatever
 /// could not be read, as soon as it can be written. Where that must not happen,
-/// ask AFiler::getFileAccessibility() first. The text ends at its first NUL,
-/// and so does what a later write keeps. A file that is not UTF-8, breaks the
+/// ask AFiler::getFileAccessibility() first. A FIFO that has a writer is
+/// read until that one closes it. The text ends at its first NUL, and so does what a
+/// later write keeps. A file that is not UTF-8, breaks the
 /// syntax or fails while it is read is not parsed: get() and set() then go
 /// through the profile functions, as AnIni's do.
 ///
@@ -122,8 +124,7 @@ public:
 
   /// As AnIni::get() says, but exact in case, of any length, and with the error
   /// `Couldn't read required section "S", setting "K" from file "F"`. The first
-  /// call makes an index of all pairs, which takes about a fifth of the time of
-  /// reading the file. Not parsed: AnIni::get().
+  /// call makes an index of all pairs. Not parsed: AnIni::get().
   bool get(bool required, AString const& section, AString const& key, AString& value) override;
 
   /// close(). Nothing is thrown; a failure to write for lack of memory is logged.
@@ -147,17 +148,22 @@ public:
   /// Stores a value, in memory. A section alone, with empty key and value, makes
   /// the section. Anything else without a key is refused with an internal error
   /// and false. True also when the value was there already. Works on what was not
-  /// parsed, too: write() then replaces that file by what was inserted.
+  /// parsed, too: write() then replaces that file by what was inserted alone, and by
+  /// nothing after getIniMap(), which empties the store but leaves the change.
   bool insert(std::wstring const& section, std::wstring const& key, std::wstring const& value);
 
   /// Writes everything back, if anything changed since it was read or written.
   ///
-  /// A regular file with one link, or a new one, is replaced through a neighbour
-  /// with its mode and owner kept, so that a crash leaves the old file or the new
-  /// one; anything else, and a file whose folder or owner does not allow that, is
-  /// cut and written in place. Text that has no UTF-8 form leaves the file as
-  /// it is. Written text ends at the first NUL. A file that cannot be opened
-  /// loses the changes without a record; other failures are logged.
+  /// A regular file with one link, or a new one, is replaced through a neighbour,
+  /// with its mode, owner and group kept but not an access list, so that a crash
+  /// leaves the old file or the new one. Anything else, and a file whose folder,
+  /// owner or group does not allow that, is cut and written in place. Text that has
+  /// no UTF-8 form leaves the file as it is. Written text ends at the first NUL. A
+  /// file that cannot be opened loses the changes without a record; other failures
+  /// are logged.
+  ///
+  /// Takes no lock, nor that of the profile functions: what others have written to
+  /// the file since it was read is lost.
   void write();
 
 private:
@@ -166,29 +172,25 @@ private:
   // Reading: ini/ini2_parser.cpp.
   void initialize();
   bool parse();
-  bool readFile(std::string& utf8);
+  bool readFile();
   void logReadError(int number);
   bool parseText(std::string_view utf8);
-  void parsePiece(std::wstring_view text, State& state, std::wstring& section, std::wstring& key,
-                  std::wstring& value, int& line);
-  unsigned long processRun(State state, std::wstring& section, std::wstring& key,
-                           std::wstring& value, std::wstring_view text);
-  void processLeftBracket(State& state, std::wstring& section, std::wstring& value, wchar_t c,
-                          int line);
-  void processRightBracket(State& state, std::wstring& section, std::wstring& value, wchar_t c,
-                           int line);
-  void processEqualSign(State& state, std::wstring& key, std::wstring& value, wchar_t c, int line);
-  void processDefault(State& state, std::wstring& section, std::wstring& key, std::wstring& value,
-                      wchar_t c);
-  void processEOL(State& state, std::wstring& section, std::wstring& key, std::wstring& value,
-                  int line);
-  void processEOF(State& state, std::wstring& section, std::wstring& key, std::wstring& value);
-  void removeLeadingWhiteSpace(std::wstring& text);
-  void removeTrailingWhiteSpace(std::wstring& text);
-  void trim(std::wstring& text);
+  void processLeftBracket(State& state, std::string_view& section, std::string_view& value,
+                          std::string_view c, int line);
+  void processRightBracket(State& state, std::string_view& section, std::string_view& value,
+                           std::string_view c, int line);
+  void processEqualSign(State& state, std::string_view& key, std::string_view& value,
+                        std::string_view c, int line);
+  void processDefault(State& state, std::string_view& section, std::string_view& key,
+                      std::string_view& value, std::string_view c);
+  void processEOL(State& state, std::string_view& section, std::string_view& key,
+                  std::string_view& value, int line);
+  void processEOF(State& state, std::string_view& section, std::string_view& key,
+                  std::string_view& value);
+  void removeLeadingWhiteSpace(std::string_view& text);
+  void removeTrailingWhiteSpace(std::string_view& text);
+  void trim(std::string_view& text);
   void fail(wchar_t const* what, int line);
-  void storeParsed(std::wstring const& section, std::wstring const& key, std::wstring const& value);
-  void storeUnsorted();
 
   // The store and writing: ini/ini2.cpp.
   bool findSection(std::wstring const& name);
@@ -204,8 +206,8 @@ private:
   std::uint32_t parsed_ = 0;
   /// The section used last, or the end.
   SectionMap::iterator recent_ = sections_.end();
-  /// Pairs of that section that are not in the map yet; none but while parsing.
-  std::unique_ptr<vrxutil::detail::UnsortedPairs> unsorted_;
+  /// The file's text, and pairs on their way into the map; none but while parsing.
+  std::unique_ptr<vrxutil::detail::ParsedPairs> pairs_;
   /// All pairs, from the first get() on.
   std::unique_ptr<vrxutil::detail::PairIndex> index_;
 };
