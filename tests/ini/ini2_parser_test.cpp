@@ -1,9 +1,10 @@
 // AnIni2 as a reader: the grammar, cell by cell and against a transcription of the
 // table of states; files that are no text; failures of reading.
 
+#include "tests/file/file_support.h"
+#include "tests/ini/ini_table.h"
 #include "tests/platform/child_process.h"
 #include "tests/platform/system_call_fault.h"
-#include "tests/support/locale_scope.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/temporary_folder.h"
 
@@ -15,15 +16,15 @@
 #include <cerrno>
 #include <clocale>
 #include <cstdlib>
-#include <cwctype>
+#include <cstring>
 #include <map>
-#include <optional>
 #include <random>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include <string.h>
+#include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -35,7 +36,7 @@ using vornix_com::file::ini::State;
 using vrxutil::test::detailRecord;
 using vrxutil::test::errorRecord;
 using vrxutil::test::fileBytes;
-using vrxutil::test::LocaleScope;
+using vrxutil::test::IniTable;
 using vrxutil::test::LogRecord;
 using vrxutil::test::LogRecorder;
 using vrxutil::test::makeFile;
@@ -180,102 +181,10 @@ TEST_P(GrammarTest, ReadsAsTheTableSays) {
 INSTANTIATE_TEST_SUITE_P(AnIni2, GrammarTest, testing::ValuesIn(rows()),
                          [](auto const& tested) { return std::string(tested.param.name); });
 
-// The table of states once more, one character at a time.
-class Oracle {
-public:
-  explicit Oracle(std::wstring const& text) {
-    for (wchar_t const c : text) {
-      if (state_ == 5) break;
-      step(c);
-    }
-    if (state_ == 3) store();
-    parsed = state_ == 0;
-  }
-
-  bool parsed = false;
-  Map map;
-  std::wstring unexpected;
-  int line = 1;
-
-private:
-  void step(wchar_t c) {
-    if (c == L';' && state_ == 0) state_ = 4;
-    if (c == L'\n' || c == L'\r') {
-      endOfLine();
-      if (state_ != 5) ++line;
-    } else if (c == L'[') {
-      if (state_ == 0) section_ = L"";
-      constexpr std::array kNext{1, 5, 5, 3, 5};
-      bracketOrEqualSign(c, kNext, L"Unexpected: '[' ");
-    } else if (c == L']') {
-      bool const isEmpty = state_ == 1 && section_.empty();
-      if (state_ == 1) trim(section_);
-      std::array const next{5, isEmpty ? 5 : 0, 5, 3, 5};
-      bracketOrEqualSign(c, next, isEmpty ? L"Unexpected: empty section " : L"Unexpected: ']' ");
-    } else if (c == L'=') {
-      bool const endsKey = state_ == 2;
-      if (endsKey) trim(key_);
-      constexpr std::array kNext{5, 5, 3, 3, 5};
-      bracketOrEqualSign(c, kNext, L"Unexpected: '=' ");
-      if (endsKey) value_ = L"";
-    } else {
-      other(c);
-    }
-  }
-
-  void bracketOrEqualSign(wchar_t c, std::array<int, 5> const& next, wchar_t const* message) {
-    if (state_ == 3) value_ += c;
-    state_ = next.at(static_cast<std::size_t>(state_));
-    if (state_ == 5) unexpected = message;
-  }
-
-  void other(wchar_t c) {
-    if (state_ == 0 && std::iswspace(static_cast<std::wint_t>(c)) == 0) {
-      key_ = L"";
-      state_ = 2;
-    }
-    if (state_ == 1) section_ += c;
-    if (state_ == 2) key_ += c;
-    if (state_ == 3) value_ += c;
-  }
-
-  void endOfLine() {
-    if (state_ == 3) store();
-    if (state_ == 1 || state_ == 2) {
-      unexpected = L"Unexpected: new line ";
-      state_ = 5;
-    } else {
-      state_ = 0;
-    }
-  }
-
-  void store() {
-    trim(value_);
-    auto found = map.find(section_);
-    if (found == map.end()) found = map.insert({section_, {}});
-    found->second[key_] = value_;
-    state_ = 0;
-  }
-
-  static void trim(std::wstring& text) {
-    while (!text.empty() && std::iswspace(static_cast<std::wint_t>(text.front())) != 0) {
-      text.erase(0, 1);
-    }
-    while (!text.empty() && std::iswspace(static_cast<std::wint_t>(text.back())) != 0) {
-      text.pop_back();
-    }
-  }
-
-  int state_ = 0;
-  std::wstring section_;
-  std::wstring key_;
-  std::wstring value_;
-};
-
 /// A piece of a random file, in both forms.
 struct Piece {
-  char const* utf8;
-  wchar_t const* wide;
+  std::string_view utf8;
+  std::wstring_view wide;
 };
 
 constexpr std::array kPieces{
@@ -288,11 +197,20 @@ constexpr std::array kPieces{
     Piece{" ", L" "},
     Piece{"\t", L"\t"},
     Piece{"\v", L"\v"},
+    Piece{"\f", L"\f"},
     Piece{"a", L"a"},
     Piece{"b", L"b"},
-    Piece{"\xC3\xA4", L"\u00E4"},
+    Piece{"\x01", L"\x01"},
+    Piece{"\x7F", L"\x7F"},
+    Piece{"\xC2\x85", L"\x85"},        // next line
+    Piece{"\xC2\xA0", L"\u00A0"},      // no-break space
     Piece{"\xE2\x80\x83", L"\u2003"},  // em space
+    Piece{"\xE2\x80\xA8", L"\u2028"},  // line separator
+    Piece{"\xEF\xBB\xBF", L"\uFEFF"},  // dropped only where the text begins
+    Piece{"\xC4\xBB", L"\u013B"},      // its low byte is that of ";"
+    Piece{"\xE5\xB0\xBD", L"\u5C3D"},  // and of "="
     Piece{"\xF0\x9F\x98\x80", L"\U0001F600"},
+    Piece{std::string_view("\0", 1), std::wstring_view(L"\0", 1)},
     // Likely lines, so that files get far.
     Piece{"[s]\n", L"[s]\n"},
     Piece{"[t]\n", L"[t]\n"},
@@ -302,72 +220,144 @@ constexpr std::array kPieces{
     Piece{";c\n", L";c\n"},
 };
 
+constexpr std::size_t kFirstLetter = 10;
+constexpr std::size_t kFirstLine = 23;
+static_assert(kPieces[kFirstLetter].utf8 == "a" && kPieces[kFirstLine].utf8 == "[s]\n");
+
+/// Runs `scenario` in a process that begins with the locale "C", where the
+/// environment says `locale`.
+template <class Scenario>
+void runWithLocale(char const* locale, Scenario scenario) {
+  SCOPED_TRACE(locale);
+  auto const child = vrxutil::test::runInChild([&] {
+    ::setenv("LC_ALL", locale, /*overwrite=*/1);
+    std::setlocale(LC_ALL, "C");
+    scenario();
+  });
+  EXPECT_EQ(child.status, 0) << child.standardError;
+}
+
 class RandomFilesTest : public ReadText {
 protected:
-  void compare(std::mt19937& random, std::size_t pieces, std::size_t firstPiece) {
-    std::string utf8;
-    std::wstring wide;
+  /// The file of `beginning` and random pieces, those before `firstPiece` aside.
+  void compare(std::string const& beginning, std::size_t pieces, std::size_t firstPiece) {
+    std::string utf8 = beginning;
+    std::wstring wide(beginning.begin(), beginning.end());
     std::uniform_int_distribution<std::size_t> choice(firstPiece, kPieces.size() - 1);
     while (pieces-- > 0) {
       Piece const& piece = kPieces.at(choice(random));
       utf8 += piece.utf8;
       wide += piece.wide;
     }
-    if (utf8.empty()) return;
+    compareTexts(utf8, wide);
+  }
+
+  /// From 1 to `most`.
+  std::size_t upTo(std::size_t most) {
+    return std::uniform_int_distribution<std::size_t>(1, most)(random);
+  }
+
+  IniTable::Visits visits{};
+  std::mt19937 random{20040229};
+
+private:
+  void compareTexts(std::string const& utf8, std::wstring const& wide) {
     Outcome const outcome = read(utf8);
-    Oracle const oracle(wide);
-    ASSERT_EQ(outcome.parsed, oracle.parsed) << testing::PrintToString(utf8);
+    std::wstring const text = wide.c_str();  // up to a NUL
+    IniTable const table(text.starts_with(L'\uFEFF') ? text.substr(1) : text);
+    auto const name = [&] { return testing::PrintToString(utf8.substr(0, 200)); };
+    ASSERT_EQ(outcome.parsed, table.parsed) << name();
     ASSERT_EQ(outcome.records,
-              recordsOf(utf8.size(), oracle.parsed, oracle.unexpected, oracle.line))
-        << testing::PrintToString(utf8);
-    if (oracle.parsed) {
-      ASSERT_EQ(outcome.map, oracle.map) << testing::PrintToString(utf8);
+              recordsOf(std::strlen(utf8.c_str()), table.parsed, table.message, table.line))
+        << name();
+    if (table.parsed) {
+      ASSERT_EQ(outcome.map, table.map) << name();
+    }
+    for (std::size_t step = 0; step < IniTable::kSteps; ++step) {
+      for (std::size_t state = 0; state < IniTable::kStates; ++state) {
+        visits.at(step).at(state) += table.visits.at(step).at(state);
+      }
     }
   }
 };
 
 TEST_F(RandomFilesTest, AgreeWithTheTable) {
-  std::mt19937 random(20040229);
-  std::uniform_int_distribution<std::size_t> size(1, 14);
-  for (int i = 0; i < 20000; ++i) ASSERT_NO_FATAL_FAILURE(compare(random, size(random), 0));
+  for (char const* const locale : {"C", "C.UTF-8"}) {
+    runWithLocale(locale, [&] {
+      for (int i = 0; i < 10000; ++i) ASSERT_NO_FATAL_FAILURE(compare("", upTo(14), 0));
+      for (auto const& step : visits) {
+        for (unsigned long const count : step) EXPECT_GE(count, 30U);
+      }
+    });
+  }
 }
 
 TEST_F(RandomFilesTest, OfManyGoodLinesAgreeWithTheTable) {
-  std::mt19937 random(19991231);
-  std::uniform_int_distribution<std::size_t> size(1, 60);
-  for (int i = 0; i < 4000; ++i) ASSERT_NO_FATAL_FAILURE(compare(random, size(random), 9));
-  for (int i = 0; i < 4000; ++i) ASSERT_NO_FATAL_FAILURE(compare(random, size(random), 14));
+  for (char const* const locale : {"C", "C.UTF-8"}) {
+    runWithLocale(locale, [&] {
+      for (int i = 0; i < 2000; ++i) {
+        ASSERT_NO_FATAL_FAILURE(compare("", upTo(60), kFirstLetter));
+        ASSERT_NO_FATAL_FAILURE(compare("", upTo(60), kFirstLine));
+      }
+    });
+  }
 }
 
-class AnIni2ReadingTest : public ReadText {};
-
-TEST_F(AnIni2ReadingTest, MissingFileIsAnEmptyStore) {
-  Outcome const outcome = readFile(folder.wide("missing.ini"));
-  EXPECT_TRUE(outcome.parsed);
-  EXPECT_TRUE(outcome.map.empty());
-  EXPECT_TRUE(outcome.records.empty());
+/// Where the parser may cut a file: powers of two of bytes.
+TEST_F(RandomFilesTest, OfManyBlocksAgreeWithTheTable) {
+  for (std::size_t const block : {4096U, 16384U, 32768U, 65536U}) {
+    for (std::string const start : {" ", "[", "k", "k=", ";"}) {
+      for (std::size_t before = 0; before < 6; ++before) {
+        std::string const beginning =
+            start + std::string(block - before - start.size(), start == " " ? ' ' : 'x');
+        for (int i = 0; i < 3; ++i) ASSERT_NO_FATAL_FAILURE(compare(beginning, upTo(8), 0));
+      }
+    }
+  }
 }
 
-TEST_F(AnIni2ReadingTest, EmptyFileIsAnEmptyStore) {
-  Outcome const outcome = read("");
-  EXPECT_TRUE(outcome.parsed);
-  EXPECT_TRUE(outcome.map.empty());
-  EXPECT_TRUE(outcome.records.empty());
-}
+class AnIni2ReadingTest : public ReadText {
+protected:
+  /// The records of a file that can be read in part.
+  static std::vector<LogRecord> readErrorIn(std::wstring const& file) {
+    return {
+        errorRecord(L"ini", L"Error trace:"),
+        errorRecord(L"ini", L" [read," + file + L"]->"),
+        errorRecord(L"ini", L"  Input/output error"),
+        errorRecord(L"ini", kNotParsed),
+    };
+  }
+};
 
-TEST_F(AnIni2ReadingTest, FolderIsAnEmptyStore) {
-  Outcome const outcome = readFile(folder.wide(""));
-  EXPECT_TRUE(outcome.parsed);
-  EXPECT_TRUE(outcome.map.empty());
-  EXPECT_TRUE(outcome.records.empty());
-}
-
-TEST_F(AnIni2ReadingTest, FifoWithoutWriterIsAnEmptyStore) {
+// What cannot be opened or read at all.
+TEST_F(AnIni2ReadingTest, NoTextIsAnEmptyStore) {
+  makeFile(folder / "empty", "");
   ASSERT_EQ(::mkfifo((folder / "fifo").c_str(), 0600), 0);
-  Outcome const outcome = readFile(folder.wide("fifo"));
-  EXPECT_TRUE(outcome.parsed);
-  EXPECT_TRUE(outcome.map.empty());
-  EXPECT_TRUE(outcome.records.empty());
+  for (std::wstring const& file :
+       {std::wstring(), folder.wide("missing"), folder.wide("empty"), folder.wide("fifo"),
+        folder.wide(""), folder.wide("missing/file"), std::wstring(L"/dev/null")}) {
+    Outcome const outcome = readFile(file);
+    EXPECT_TRUE(outcome.parsed) << testing::PrintToString(file);
+    EXPECT_TRUE(outcome.map.empty()) << testing::PrintToString(file);
+    EXPECT_TRUE(outcome.records.empty()) << testing::PrintToString(file);
+  }
+}
+
+// It may be writable all the same, and the next write then replaces it.
+TEST_F(AnIni2ReadingTest, FileThatMayNotBeReadIsAnEmptyStore) {
+  makeFile(folder / "file.ini", "k=v\n");
+  ASSERT_EQ(::chmod((folder / "file.ini").c_str(), 0222), 0);
+  ASSERT_EQ(::chmod(folder.path().c_str(), 0755), 0);
+  EXPECT_TRUE(vrxutil::test::holdsUnprivileged([&] {
+    Outcome const outcome = readFile(path);
+    EXPECT_TRUE(outcome.parsed);
+    EXPECT_TRUE(outcome.map.empty());
+    EXPECT_TRUE(outcome.records.empty());
+    AnIni2 ini{AString(path)};
+    EXPECT_TRUE(ini.insert(L"a", L"k", L"new"));
+  }));
+  ASSERT_EQ(::chmod((folder / "file.ini").c_str(), 0644), 0);
+  EXPECT_EQ(fileBytes(folder / "file.ini"), "[a]\nk=new\n\n");
 }
 
 TEST_F(AnIni2ReadingTest, EndlessZerosAreAnEmptyText) {
@@ -378,7 +368,7 @@ TEST_F(AnIni2ReadingTest, EndlessZerosAreAnEmptyText) {
 }
 
 TEST_F(AnIni2ReadingTest, TextEndsAtItsFirstNul) {
-  Outcome const outcome = read(std::string("k=v\0w\n]\n\xFF", 10));
+  Outcome const outcome = read(std::string("k=v\0w\n]\n\xFF", 9));
   EXPECT_TRUE(outcome.parsed);
   EXPECT_EQ(outcome.map, pairs(L"", {{L"k", L"v"}}));
   EXPECT_EQ(outcome.records, recordsOf(3, true, L"", 0));
@@ -415,15 +405,29 @@ TEST_F(AnIni2ReadingTest, CharactersAcrossPiecesStayWhole) {
   }
 }
 
+/// Whether what is written after a change reads back.
+void expectToReadBack(std::wstring const& path, Map expected) {
+  {
+    AnIni2 ini{AString(path)};
+    EXPECT_TRUE(ini.insert(L"a", L"k", L"new"));
+  }
+  expected.insert({L"a", {{L"k", L"new"}}});
+  Outcome const outcome = readFile(path);
+  EXPECT_TRUE(outcome.parsed);
+  EXPECT_TRUE(outcome.map == expected);  // too long to be printed
+}
+
 TEST_F(AnIni2ReadingTest, LongLinesAreRead) {
   constexpr std::size_t kLength = 10U << 20;
   std::string const blanks(kLength, ' ');
   std::string const name(kLength, 'n');
-  Outcome const outcome =
-      read("[" + blanks + name + "]\n" + name + blanks + "=" + blanks + "v" + blanks + "\n");
+  Outcome const outcome = read(";" + name + "\n[" + blanks + name + "]\n" + name + blanks + "=" +
+                               blanks + "v" + blanks + "\n");
   EXPECT_TRUE(outcome.parsed);
   std::wstring const wide(kLength, L'n');
-  EXPECT_TRUE(outcome.map == pairs(wide, {{wide, L"v"}}));
+  Map const expected = pairs(wide, {{wide, L"v"}});
+  EXPECT_TRUE(outcome.map == expected);
+  expectToReadBack(path, expected);
 }
 
 TEST_F(AnIni2ReadingTest, MillionSectionsAreRead) {
@@ -432,58 +436,49 @@ TEST_F(AnIni2ReadingTest, MillionSectionsAreRead) {
   Outcome const outcome = read(text);
   EXPECT_TRUE(outcome.parsed);
   EXPECT_EQ(outcome.map.size(), 1000000U);
-}
-
-/// An environment variable, for the length of a scope.
-class VariableScope {
-public:
-  VariableScope(char const* name, char const* value) : name_(name) {
-    if (char const* const before = std::getenv(name)) before_ = before;
-    ::setenv(name, value, /*overwrite=*/1);
-  }
-
-  ~VariableScope() {
-    if (before_) {
-      ::setenv(name_, before_->c_str(), /*overwrite=*/1);
-    } else {
-      ::unsetenv(name_);
-    }
-  }
-
-  VariableScope(VariableScope const&) = delete;
-  VariableScope& operator=(VariableScope const&) = delete;
-
-private:
-  char const* name_;
-  std::optional<std::string> before_;
-};
-
-TEST_F(AnIni2ReadingTest, TakesTheLocaleOfTheEnvironment) {
-  LocaleScope const scope("C");
-  VariableScope const variable("LC_ALL", "C.UTF-8");
-  readFile(folder.wide("missing.ini"));
-  EXPECT_STREQ(std::setlocale(LC_ALL, nullptr), "C.UTF-8");
-}
-
-TEST_F(AnIni2ReadingTest, InvalidTextLeavesTheLocale) {
-  LocaleScope const scope("C");
-  VariableScope const variable("LC_ALL", "C.UTF-8");
-  read("\xFF");
-  EXPECT_STREQ(std::setlocale(LC_ALL, nullptr), "C");
+  expectToReadBack(path, outcome.map);
 }
 
 TEST_F(AnIni2ReadingTest, WhiteSpaceIsTheLocales) {
   constexpr char kText[] = "\xE2\x80\x83k=v\xE2\x80\x83\n";
-  LocaleScope const scope("C");
-  {
-    VariableScope const variable("LC_ALL", "C.UTF-8");
-    EXPECT_EQ(read(kText).map, pairs(L"", {{L"k", L"v"}}));
-  }
-  VariableScope const variable("LC_ALL", "C");
-  EXPECT_EQ(read(kText).map, pairs(L"", {{L"\u2003k", L"v\u2003"}}));
+  runWithLocale("C.UTF-8", [&] { EXPECT_EQ(read(kText).map, pairs(L"", {{L"k", L"v"}})); });
+  runWithLocale("C", [&] {
+    std::setlocale(LC_ALL, "C.UTF-8");
+    EXPECT_EQ(read(kText).map, pairs(L"", {{L"\u2003k", L"v\u2003"}}));
+  });
 }
 
 #ifdef __linux__
+
+// A regular file that begins with what the process has at address 0: nothing.
+TEST_F(AnIni2ReadingTest, FileThatCannotBeReadIsAnEmptyStore) {
+  Outcome const outcome = readFile(L"/proc/self/mem");
+  EXPECT_TRUE(outcome.parsed);
+  EXPECT_TRUE(outcome.map.empty());
+  EXPECT_TRUE(outcome.records.empty());
+}
+
+// With a page at address 0, it can be read up to that page's end.
+TEST_F(AnIni2ReadingTest, FileThatCannotBeReadToItsEndIsNotParsed) {
+  constexpr int kNoPage = 3;  // exit status of a child
+  auto const child = vrxutil::test::runInChild([&] {
+    auto const size = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+    void* const page = ::mmap(nullptr, size, PROT_READ | PROT_WRITE,
+                              MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+    if (page == MAP_FAILED) ::_exit(kNoPage);
+    int const memory = ::open("/proc/self/mem", O_WRONLY | O_CLOEXEC);
+    std::string const text(size, '\n');
+    ASSERT_EQ(::pwrite(memory, text.data(), size, 0), static_cast<ssize_t>(size));
+    ::close(memory);
+    Outcome const outcome = readFile(L"/proc/self/mem");
+    EXPECT_FALSE(outcome.parsed);
+    EXPECT_EQ(outcome.records, readErrorIn(L"/proc/self/mem"));
+  });
+  if (WIFEXITED(child.status) && WEXITSTATUS(child.status) == kNoPage) {
+    GTEST_SKIP() << "the host does not allow a page at address 0";
+  }
+  EXPECT_EQ(child.status, 0) << child.standardError;
+}
 
 constexpr int kNoFilters = 3;  // exit status of a child
 
@@ -502,13 +497,7 @@ TEST_F(AnIni2ReadingTest, ReadErrorWithinTheFileIsNotParsed) {
     if (!isInjected) ::_exit(kNoFilters);
     Outcome const outcome = readFile(path);
     EXPECT_FALSE(outcome.parsed);
-    std::vector<LogRecord> const expected{
-        errorRecord(L"ini", L"Error trace:"),
-        errorRecord(L"ini", L" [read," + path + L"]->"),
-        errorRecord(L"ini", L"  Input/output error"),
-        errorRecord(L"ini", kNotParsed),
-    };
-    EXPECT_EQ(outcome.records, expected);
+    EXPECT_EQ(outcome.records, readErrorIn(path));
   });
   if (WIFEXITED(child.status) && WEXITSTATUS(child.status) == kNoFilters) {
     GTEST_SKIP() << vrxutil::test::kNotInjected;

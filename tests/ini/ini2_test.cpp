@@ -1,18 +1,12 @@
-// AnIni2 as a store: values by name, the written file, and how it gets to its place.
+// AnIni2 as a store: values by name, and the text that is written.
 
-#include "tests/support/locale_scope.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/temporary_folder.h"
-#include "tests/support/umask_scope.h"
 
 #include <vrxutil/ini.h>
 
 #include <gtest/gtest.h>
 
-#include <array>
-#include <cerrno>
-#include <clocale>
-#include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -21,10 +15,6 @@
 #include <type_traits>
 #include <vector>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 namespace {
 
 namespace fs = std::filesystem;
@@ -32,12 +22,10 @@ namespace fs = std::filesystem;
 using vrxutil::test::detailRecord;
 using vrxutil::test::errorRecord;
 using vrxutil::test::fileBytes;
-using vrxutil::test::LocaleScope;
 using vrxutil::test::LogRecord;
 using vrxutil::test::LogRecorder;
 using vrxutil::test::makeFile;
 using vrxutil::test::TemporaryFolder;
-using vrxutil::test::UmaskScope;
 
 using Map = AnIni2::SectionMap;
 using Records = std::vector<LogRecord>;
@@ -71,13 +59,6 @@ protected:
   std::size_t entries() const {
     return static_cast<std::size_t>(
         std::distance(fs::directory_iterator(folder.path()), fs::directory_iterator()));
-  }
-
-  ino_t inode() const {
-    struct stat status {};
-
-    EXPECT_EQ(::stat(path.c_str(), &status), 0);
-    return status.st_ino;
   }
 
   TemporaryFolder folder;
@@ -233,6 +214,20 @@ TEST_F(AnIni2Test, WritesSectionsAndKeysInOrder) {
   EXPECT_EQ(entries(), 1U);
 }
 
+/// The example of docs/formats.md.
+TEST_F(AnIni2Test, ChangedFileLosesCommentsAndOrder) {
+  auto const ini = open(
+      "; limits\nsize = 1 MB\n[net]\nport=80\n[log] level = 2 ; not a comment\n[net]\nhost =\n"
+      "port=81\n");
+  EXPECT_EQ(mapOf(*ini), (Map{{L"", {{L"size", L"1 MB"}}},
+                              {L"log", {{L"level", L"2 ; not a comment"}}},
+                              {L"net", {{L"host", L""}, {L"port", L"81"}}}}));
+  set(*ini, L"net", L"port", L"82");
+  ini->close();
+  EXPECT_EQ(bytes(),
+            "[]\nsize=1 MB\n\n[log]\nlevel=2 ; not a comment\n\n[net]\nhost=\nport=82\n\n");
+}
+
 TEST_F(AnIni2Test, UnchangedStoreIsNotWritten) {
   auto const ini = open("[b]\nk=v\n[a]\nk=v\n");
   set(*ini, L"b", L"k", L"v");
@@ -287,6 +282,24 @@ TEST_F(AnIni2Test, OpenWritesTheFileBefore) {
   EXPECT_EQ(valueOf(*ini, L"a", L"k"), L"missing");
 }
 
+TEST_F(AnIni2Test, OpenCallsTheCloseOfADerivedClass) {
+  class Derived final : public AnIni2 {
+  public:
+    using AnIni2::AnIni2;
+
+    void close() override {
+      ++closed;
+      AnIni2::close();
+    }
+
+    int closed = 0;
+  };
+
+  Derived ini{AString(widePath)};
+  ini.open(AString(widePath));
+  EXPECT_EQ(ini.closed, 1);
+}
+
 TEST_F(AnIni2Test, OpenSaysWhetherTheFileWasParsed) {
   auto const ini = openMissing();
   makeFile(folder / "bad.ini", "]");
@@ -309,167 +322,57 @@ TEST_F(AnIni2Test, SectionWithoutNameCannotBeReadBack) {
                      errorRecord(L"ini", kNotParsed)}));
 }
 
+/// A pair that is written as it is and means something else to the reader.
+struct Unreadable {
+  char const* name;
+  wchar_t const* section;
+  wchar_t const* key;
+  wchar_t const* value;
+  char const* bytes;
+  bool isParsed;
+  Map map;
+};
+
+void PrintTo(Unreadable const& pair, std::ostream* out) { *out << pair.name; }
+
+class UnreadablePairTest : public AnIni2Test, public testing::WithParamInterface<Unreadable> {};
+
+TEST_P(UnreadablePairTest, IsWrittenAsItIs) {
+  Unreadable const& pair = GetParam();
+  auto ini = openMissing();
+  EXPECT_TRUE(ini->insert(pair.section, pair.key, pair.value));
+  ini->close();
+  EXPECT_EQ(bytes(), pair.bytes);
+  EXPECT_EQ(ini->open(AString(widePath)), pair.isParsed);
+  if (pair.isParsed) {
+    EXPECT_EQ(mapOf(*ini), pair.map);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    AnIni2, UnreadablePairTest,
+    testing::Values(Unreadable{"BlanksAroundValue", L"s", L"k", L" v ", "[s]\nk= v \n\n", true,
+                               Map{{L"s", {{L"k", L"v"}}}}},
+                    Unreadable{"BlanksAroundSection", L" s ", L"k", L"v", "[ s ]\nk=v\n\n", true,
+                               Map{{L"s", {{L"k", L"v"}}}}},
+                    Unreadable{"EqualSignInKey", L"s", L"a=b", L"c", "[s]\na=b=c\n\n", true,
+                               Map{{L"s", {{L"a", L"b=c"}}}}},
+                    Unreadable{"LineInValue", L"s", L"k", L"v\nl=w", "[s]\nk=v\nl=w\n\n", true,
+                               Map{{L"s", {{L"k", L"v"}, {L"l", L"w"}}}}},
+                    Unreadable{"LineEndInValue", L"s", L"k", L"v\rw", "[s]\nk=v\rw\n\n", false, {}},
+                    Unreadable{"BracketInKey", L"s", L"a[b", L"c", "[s]\na[b=c\n\n", false, {}},
+                    Unreadable{"BracketInSection", L"s]", L"k", L"v", "[s]]\nk=v\n\n", false, {}},
+                    Unreadable{"SemicolonBeforeKey", L"s", L";k", L"v", "[s]\n;k=v\n\n", false, {}},
+                    Unreadable{"BlankKey", L"s", L" ", L"v", "[s]\n =v\n\n", false, {}},
+                    Unreadable{"SectionAlone", L"s", L"", L"", "[s]\n=\n\n", false, {}}),
+    [](auto const& tested) { return std::string(tested.param.name); });
+
 TEST_F(AnIni2Test, WrittenTextEndsAtItsFirstNul) {
   auto const ini = openMissing();
   ini->insert(L"a", L"k", std::wstring(L"v\0w", 3));
   ini->insert(L"b", L"k", L"v");
   ini->close();
   EXPECT_EQ(bytes(), "[a]\nk=v");
-}
-
-TEST_F(AnIni2Test, TextWithoutUtf8FormLeavesTheFile) {
-  auto const ini = open("[a]\nk=v\n");
-  set(*ini, L"a", L"k", L"\xD800");
-  ini->write();
-  EXPECT_EQ(bytes(), "[a]\nk=v\n");
-  ASSERT_EQ(recorder.plainErrors().size(), 1U);
-  EXPECT_EQ(recorder.plainErrors().front().group, L"Xml");
-  recorder.clear();
-  ini->close();
-  EXPECT_TRUE(recorder.records().empty());
-}
-
-TEST_F(AnIni2Test, TextWithoutUtf8FormMakesNoFile) {
-  auto const ini = openMissing();
-  set(*ini, L"a", L"k", L"\xD800");
-  ini->close();
-  EXPECT_EQ(entries(), 0U);
-}
-
-// Where the file gets to.
-
-TEST_F(AnIni2Test, FileIsReplacedWithItsMode) {
-  auto const ini = open("");
-  ASSERT_EQ(::chmod(path.c_str(), 0640), 0);
-  ino_t const before = inode();
-  set(*ini, L"a", L"k", L"v");
-  ini->write();
-  EXPECT_NE(inode(), before);
-  EXPECT_EQ(fs::status(path).permissions(), fs::perms{0640});
-  EXPECT_EQ(entries(), 1U);
-}
-
-TEST_F(AnIni2Test, NewFileTakesTheUmask) {
-  UmaskScope const mask(027);
-  auto const ini = openMissing();
-  set(*ini, L"a", L"k", L"v");
-  ini->write();
-  EXPECT_EQ(fs::status(path).permissions(), fs::perms{0640});
-  EXPECT_EQ(entries(), 1U);
-}
-
-TEST_F(AnIni2Test, FileWithTwoNamesIsWrittenInPlace) {
-  auto const ini = open("[a]\nlong=" + std::string(1000, 'x') + "\nk=v\n");
-  fs::create_hard_link(path, folder / "second");
-  ino_t const before = inode();
-  set(*ini, L"a", L"long", L"w");
-  ini->write();
-  EXPECT_EQ(inode(), before);
-  EXPECT_EQ(bytes(), "[a]\nk=v\nlong=w\n\n");
-  EXPECT_EQ(fileBytes(folder / "second"), bytes());
-}
-
-TEST_F(AnIni2Test, SymbolicLinkStaysAndItsTargetIsReplaced) {
-  makeFile(folder / "target", "[a]\nk=v\n");
-  fs::create_symlink("target", path);
-  auto const ini = openMissing();
-  set(*ini, L"a", L"k", L"w");
-  ini->write();
-  EXPECT_TRUE(fs::is_symlink(path));
-  EXPECT_EQ(fileBytes(folder / "target"), "[a]\nk=w\n\n");
-}
-
-TEST_F(AnIni2Test, TargetOfASymbolicLinkIsMade) {
-  fs::create_symlink("target", path);
-  auto const ini = openMissing();
-  set(*ini, L"a", L"k", L"v");
-  ini->write();
-  EXPECT_TRUE(fs::is_symlink(path));
-  EXPECT_EQ(fileBytes(folder / "target"), "[a]\nk=v\n\n");
-}
-
-TEST_F(AnIni2Test, FileThatCannotBeOpenedLosesTheChangesQuietly) {
-  fs::create_directory(folder / "folder");
-  ASSERT_EQ(::mkfifo((folder / "fifo").c_str(), 0600), 0);
-  fs::create_symlink("nowhere/target", folder / "link");
-  fs::create_symlink("loop", folder / "loop");
-  for (char const* const name :
-       {"folder", "fifo", "missing/file.ini", "missing/", "link", "loop", "fifo/file.ini"}) {
-    AnIni2 ini{AString(folder.wide(name))};
-    recorder.clear();
-    set(ini, L"a", L"k", L"v");
-    ini.write();
-    ini.close();
-    EXPECT_TRUE(recorder.records().empty()) << name;
-    EXPECT_EQ(entries(), 4U) << name;
-  }
-}
-
-TEST_F(AnIni2Test, EmptyFileNameLosesTheChangesQuietly) {
-  AnIni2 ini{AString(L"")};
-  EXPECT_TRUE(ini.parsed());
-  set(ini, L"a", L"k", L"v");
-  ini.close();
-  EXPECT_TRUE(recorder.records().empty());
-}
-
-TEST_F(AnIni2Test, FailedWriteIsLogged) {
-  if (!fs::exists("/dev/full")) GTEST_SKIP() << "the host has no /dev/full";
-  fs::create_symlink("/dev/full", path);
-  auto const ini = openMissing();
-  set(*ini, L"a", L"k", L"v");
-  ini->write();
-  EXPECT_EQ(recorder.records(), (Records{kWriting, errorRecord(L"ini", L"Error trace:"),
-                                         errorRecord(L"ini", L" [write," + widePath + L"]->"),
-                                         errorRecord(L"ini", L"  No space left on device")}));
-  recorder.clear();
-  ini->close();
-  EXPECT_TRUE(recorder.records().empty());
-}
-
-TEST_F(AnIni2Test, DeviceIsWrittenInPlace) {
-  fs::create_symlink("/dev/null", path);
-  auto const ini = openMissing();
-  set(*ini, L"a", L"k", L"v");
-  ini->close();
-  EXPECT_EQ(recorder.records(), Records{kWriting});
-  EXPECT_TRUE(fs::is_character_file("/dev/null"));
-}
-
-/// The variable LC_ALL is C.UTF-8 and the locale C, for the length of a scope.
-class AnIni2LocaleTest : public AnIni2Test {
-protected:
-  AnIni2LocaleTest() {
-    if (char const* const value = std::getenv("LC_ALL")) before_ = value;
-    ::setenv("LC_ALL", "C.UTF-8", /*overwrite=*/1);
-  }
-
-  ~AnIni2LocaleTest() override {
-    if (before_.empty()) {
-      ::unsetenv("LC_ALL");
-    } else {
-      ::setenv("LC_ALL", before_.c_str(), /*overwrite=*/1);
-    }
-  }
-
-private:
-  std::string before_;
-};
-
-TEST_F(AnIni2LocaleTest, WritingTakesTheLocaleOfTheEnvironment) {
-  auto const ini = openMissing();
-  set(*ini, L"a", L"k", L"v");
-  LocaleScope const scope("C");
-  ini->write();
-  EXPECT_STREQ(std::setlocale(LC_ALL, nullptr), "C.UTF-8");
-}
-
-TEST_F(AnIni2LocaleTest, FailedOpenLeavesTheLocale) {
-  AnIni2 ini{AString(folder.wide("missing/file.ini"))};
-  set(ini, L"a", L"k", L"v");
-  LocaleScope const scope("C");
-  ini.write();
-  EXPECT_STREQ(std::setlocale(LC_ALL, nullptr), "C");
 }
 
 // Not parsed.
@@ -480,6 +383,25 @@ TEST_F(AnIni2Test, BrokenFileHasNoMap) {
   EXPECT_FALSE(ini->getIniMap(map));
   EXPECT_EQ(map, (Map{{L"kept", {}}}));
   EXPECT_EQ(recorder.records(), Records{errorRecord(L"ini", kNotParsed)});
+}
+
+TEST_F(AnIni2Test, InsertReplacesABrokenFile) {
+  auto const ini = open("[a]\nk=v\n]\n");
+  EXPECT_TRUE(ini->insert(L"b", L"new", L"value"));
+  EXPECT_EQ(valueOf(*ini, L"b", L"new"), L"missing");  // the file has none yet
+  ini->write();
+  EXPECT_EQ(bytes(), "[b]\nnew=value\n\n");
+  EXPECT_FALSE(ini->parsed());
+}
+
+// What was inserted counts as a change all the same.
+TEST_F(AnIni2Test, AskingForTheMapOfABrokenFileForgetsWhatWasInserted) {
+  auto const ini = open("[a]\nk=v\n]\n");
+  EXPECT_TRUE(ini->insert(L"b", L"new", L"value"));
+  Map map;
+  EXPECT_FALSE(ini->getIniMap(map));
+  ini->write();
+  EXPECT_EQ(bytes(), "");
 }
 
 TEST_F(AnIni2Test, BrokenFileIsReadByTheProfileFunctions) {

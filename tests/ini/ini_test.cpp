@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <filesystem>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -144,6 +145,30 @@ TEST(AnIniTest, FileThatCannotBeReadHasNoValues) {
                                   L"file \"" +
                                       name.const_cpp_str() + L"\"")});
   }
+}
+
+TEST(AnIniTest, NewObjectTouchesNoFile) {
+  TemporaryFolder const folder;
+  LogRecorder const log;
+  {
+    AnIni const ini(AString(folder.wide("missing/file.ini")));
+    AnIni const other(AString(folder.wide("new.ini")));
+  }
+  EXPECT_EQ(log.records(), kNothing);
+  EXPECT_FALSE(std::filesystem::exists(folder / "new.ini"));
+}
+
+TEST(AnIniTest, ScopeEndsWithTheCall) {
+  IniFile const file("[a]\nk=v\n");
+  AnIni ini(file.name());
+  tryGet(ini, L"a", L"k");
+  tryGet(ini, L"a", L"none");
+  LogRecorder const log;
+  ini.close();
+  tryGet(ini, L"a", L"k");
+  // An error outside of any scope has no trace.
+  EXPECT_EQ(log.records(),
+            Records{errorRecord(L"ini", L"internal error: No file name in AnIni::tryGet")});
 }
 
 TEST(AnIniTest, WithoutAFileNameNothingIsReadOrChanged) {

@@ -1,3 +1,6 @@
 vrxutil_test(ini ini_test)
 vrxutil_test(ini ini2_parser_test)
 vrxutil_test(ini ini2_test)
+vrxutil_test(ini ini2_write_test)
+vrxutil_test(ini ini2_allocation_test)
+vrxutil_test(ini ini2_locale_test ${CMAKE_DL_LIBS})
