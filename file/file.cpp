@@ -39,9 +39,14 @@ bool failed(int number) {
 
 }  // namespace
 
-AFile::AFile() : handle(nullptr) {}
+AFile::AFile() = default;
 
-AFile::~AFile() { close(); }
+AFile::~AFile() {
+  try {
+    close();
+  } catch (...) {  // what cannot be logged is not worth the process
+  }
+}
 
 void AFile::close() { closeStream(); }
 
@@ -82,7 +87,8 @@ bool AFile::readLine(AString& line) {
 
   bool const asciiAsItIs = vrxutil::detail::lowerHalfIsAscii();
   while (true) {
-    int const byte = ::getc_unlocked(handle);  // no other thread uses the stream
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread uses the stream
+    int const byte = ::getc_unlocked(handle);
     if (byte == EOF) break;
     if (byte == '\n') return true;
     if (asciiAsItIs && byte > 0 && byte < 0x80) {

@@ -4,6 +4,8 @@
 #include <vrxutil/log.h>
 
 #include <cerrno>
+#include <string>
+#include <string_view>
 #include <utility>
 
 namespace {
@@ -22,6 +24,17 @@ constexpr int errnoOf(int result) {
   }
 }
 
+/// `path` as a pattern that matches nothing else. Byte by byte, as glob(3) takes
+/// the marks off again: in some encodings they are parts of characters.
+std::string quoted(std::string_view path) {
+  std::string pattern;
+  for (char const byte : path) {
+    if (std::string_view("*?[\\").find(byte) != std::string_view::npos) pattern += '\\';
+    pattern += byte;
+  }
+  return pattern;
+}
+
 }  // namespace
 
 AFileIndex::AFileIndex() : matches{}, cursor(nullptr), held(0) {}
@@ -38,9 +51,23 @@ bool AFileIndex::open(bool reportNoMatch, wchar_t const* folder, wchar_t const* 
   AString path;
   joinPath(&path, folder, pattern);
   ADetailTrace const scope(kGroup, vrxutil::detail::callText(L"glob", path));
+  return find(reportNoMatch, ACharString(path));
+}
+
+bool AFileIndex::openFolder(AString const& folder) {
+  close();
+  APath const path(folder, L"*");
+  ADetailTrace const scope(kGroup, vrxutil::detail::callText(L"glob", path));
   ACharString const narrowPath(path);
+  std::string_view narrowFolder(narrowPath);
+  narrowFolder.remove_suffix(1);  // the "*"
+  return find(/*reportNoMatch=*/false, (quoted(narrowFolder) + '*').c_str());
+}
+
+bool AFileIndex::find(bool reportNoMatch, char const* pattern) {
   errno = 0;
-  int const result = ::glob(narrowPath, GLOB_MARK | GLOB_NOSORT, nullptr, &matches);
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): safe (POSIX); no tilde asks for users
+  int const result = ::glob(pattern, GLOB_MARK | GLOB_NOSORT, nullptr, &matches);
   if (result == 0) {
     held = 1;
     cursor = matches.gl_pathv;

@@ -1,4 +1,5 @@
 #include "linux/call_text.h"
+#include "platform/common/file_io.h"
 
 #include <vrxcomn/configuration.h>
 #include <vrxutil/file.h>
@@ -6,9 +7,11 @@
 #include <zulral/zulral.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <cwchar>
 #include <deque>
 #include <initializer_list>
@@ -18,6 +21,7 @@
 #include <string>
 #include <utility>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -25,6 +29,7 @@ namespace {
 
 using vornix_com::oxa::configuration::IConfiguration;
 using vrxutil::detail::callText;
+using vrxutil::detail::Descriptor;
 using Status = struct stat;
 
 constexpr wchar_t kGroup[] = L"Filer";
@@ -69,10 +74,29 @@ bool isQuiet(std::initializer_list<int> quiet) {
   return false;
 }
 
-bool privateDeleteFolder(bool emptyOnly, AString const& path) {
-  ADetailTrace const scope(kGroup, callText(L"rmdir", path));
+char const* lastComponent(char const* path) {
+  char const* const separator = std::strrchr(path, '/');
+  return separator != nullptr ? separator + 1 : path;
+}
+
+/// unlinkat(2) of `path`; where `folder` is not AT_FDCWD, of its last component in
+/// that folder, if the path as a whole is not too long.
+int removeEntry(int folder, AString const& path, int flags) {
   ACharString const narrowPath(path);
-  if (::rmdir(narrowPath) == 0) return true;
+  if (folder == AT_FDCWD) return ::unlinkat(folder, narrowPath, flags);
+  if (narrowPath.size() < PATH_MAX) return ::unlinkat(folder, lastComponent(narrowPath), flags);
+  errno = ENAMETOOLONG;
+  return -1;
+}
+
+bool privateDeleteFile(AString const& path, int folder = AT_FDCWD) {
+  ADetailTrace const scope(kGroup, callText(L"unlink", path));
+  return removeEntry(folder, path, 0) == 0 || isQuiet({ENOENT});
+}
+
+bool privateDeleteFolder(bool emptyOnly, AString const& path, int folder = AT_FDCWD) {
+  ADetailTrace const scope(kGroup, callText(L"rmdir", path));
+  if (removeEntry(folder, path, AT_REMOVEDIR) == 0) return true;
   // Some systems say EEXIST of a folder that has entries (POSIX rmdir).
   if (emptyOnly) return isQuiet({ENOENT, ENOTDIR, ENOTEMPTY, EEXIST});
   return isQuiet({ENOENT, ENOTDIR});
@@ -124,48 +148,108 @@ AString withoutFinalSeparators(wchar_t const* path) {
   return entry;
 }
 
-/// `path` as a pattern that matches nothing else.
-AString quoted(wchar_t const* path) {
-  AString pattern;
-  for (; *path != L'\0'; ++path) {
-    if (std::wcschr(L"*?[\\", *path) != nullptr) pattern << L'\\';
-    pattern << *path;
-  }
-  return pattern;
-}
-
-/// A folder that is being emptied.
-struct Level {
-  explicit Level(AString folder)
-      : path(std::move(folder)), entries(/*reportNoMatch=*/false, quoted(path), L"*") {}
-
-  AString path;
-  AFileIndex entries;
-};
-
-/// Removes a folder and what is in it. Not recursive: levels may be many.
-bool deleteTree(AString const& top) {
-  bool isDeleted = true;
-  std::deque<Level> levels;  // an AFileIndex stays where it is made
-  levels.emplace_back(top);
-  while (!levels.empty()) {
-    Level& level = levels.back();
-    AString path;
-    bool isFolder = false;
-    if (!level.entries.moveNext(&path, &isFolder, nullptr, nullptr)) {
-      level.entries.close();
-      isDeleted = AFiler::deleteFolder(level.path) && isDeleted;
-      levels.pop_back();
-    } else if (isFolder && !isLink(path)) {  // glob takes a link to a folder for one
-      levels.emplace_back(std::move(path));
-    } else {
-      isDeleted = AFiler::deleteFile(path) && isDeleted;
-    }
-  }
-  return isDeleted;
+/// Opens a folder by its path, or by its name in `folder` where that is not
+/// AT_FDCWD. A symbolic link in its place is ENOTDIR or ELOOP.
+Descriptor openFolder(int folder, char const* name) {
+  return Descriptor(::openat(folder, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
 }  // namespace
+
+namespace vrxutil::detail {
+
+/// Removes a folder and what is in it. Not recursive: levels may be many.
+///
+/// Paths serve the records and the enumeration alone, since others may put a link
+/// in a folder's place at any time. Entries are removed from the folder that has
+/// been opened, and that no link led to. One is open at a time, the innermost; ".."
+/// leads back from it, if to the same folder as before.
+class TreeDeletion {
+public:
+  /// `top` without "/" at its end, so that no link is followed, and as it was given.
+  bool run(AString const& top, AString const& givenTop) {
+    enter(givenTop, openFolder(AT_FDCWD, ACharString(top)));
+    while (!levels_.empty()) step();
+    return isDeleted_;
+  }
+
+private:
+  /// A folder that is being emptied.
+  struct Level {
+    AString path;
+    Status status{};
+    AFileIndex entries;
+  };
+
+  void enter(AString const& path, Descriptor folder) {
+    Level& level = levels_.emplace_back();
+    level.path = path;
+    level.entries.openFolder(path);
+    folder_ = std::move(folder);
+    // One that cannot be opened may still be empty, or missing.
+    if (!folder_ || ::fstat(folder_.get(), &level.status) != 0) level.entries.close();
+  }
+
+  void step() {
+    AString path;
+    bool isFolder = false;
+    if (!levels_.back().entries.moveNext(&path, &isFolder, nullptr, nullptr)) {
+      leave();
+    } else if (isFolder) {
+      removeMarked(path);
+    } else {
+      note(privateDeleteFile(path, folder_.get()));
+    }
+  }
+
+  /// What glob takes for a folder may be a link to one, or have become one.
+  void removeMarked(AString const& path) {
+    ACharString const narrowPath(path);
+    Descriptor folder = openFolder(folder_.get(), lastComponent(narrowPath));
+    if (folder) {
+      enter(path, std::move(folder));
+    } else if (errno == ENOTDIR || errno == ELOOP) {
+      note(privateDeleteFile(path, folder_.get()));
+    } else {
+      note(privateDeleteFolder(/*emptyOnly=*/false, path, folder_.get()));
+    }
+  }
+
+  /// Removes the innermost folder from the one that holds it.
+  void leave() {
+    AString const path = std::move(levels_.back().path);
+    levels_.pop_back();
+    if (levels_.empty()) {
+      note(AFiler::deleteFolder(path));
+    } else if (goUp()) {
+      note(privateDeleteFolder(/*emptyOnly=*/false, path, folder_.get()));
+    } else {
+      ADetailTrace const scope(kGroup, callText(L"rmdir", path));
+      note(isQuiet({}));
+      levels_.clear();
+    }
+  }
+
+  /// False with errno set.
+  bool goUp() {
+    Descriptor above = openFolder(folder_.get(), "..");
+    Status status{};
+    if (!above || ::fstat(above.get(), &status) != 0) return false;
+    Status const& expected = levels_.back().status;
+    errno = ESTALE;
+    if (status.st_dev != expected.st_dev || status.st_ino != expected.st_ino) return false;
+    folder_ = std::move(above);
+    return true;
+  }
+
+  void note(bool isRemoved) { isDeleted_ = isRemoved && isDeleted_; }
+
+  std::deque<Level> levels_;  // an AFileIndex stays where it is made
+  Descriptor folder_;
+  bool isDeleted_ = true;
+};
+
+}  // namespace vrxutil::detail
 
 // The paths are never destroyed: they are asked for to the very end of a process.
 
@@ -195,11 +279,7 @@ bool AFiler::getTempFilePath(AString& path) {
   return true;
 }
 
-bool AFiler::deleteFile(AString const& path) {
-  ADetailTrace const scope(kGroup, callText(L"unlink", path));
-  ACharString const narrowPath(path);
-  return ::unlink(narrowPath) == 0 || isQuiet({ENOENT});
-}
+bool AFiler::deleteFile(AString const& path) { return privateDeleteFile(path); }
 
 bool AFiler::createDirectory(AString const& path) {
   ADetailTrace const scope(kGroup, callText(L"mkdir", path));
@@ -238,7 +318,7 @@ bool AFiler::deleteFolders(AString const& path) {
     return false;
   }
   AString const entry = withoutFinalSeparators(path);
-  return isLink(entry) ? deleteFile(entry) : deleteTree(path);
+  return isLink(entry) ? deleteFile(entry) : vrxutil::detail::TreeDeletion().run(entry, path);
 }
 
 bool AFiler::getFileAccessibility(AString const& path, AFileAccess access, bool& exists,

@@ -21,6 +21,10 @@
 
 #include <glob.h>
 
+namespace vrxutil::detail {
+class TreeDeletion;
+}
+
 /// Splits at the last "/", which belongs to neither part, and returns true.
 /// Without one, `folder` is the whole path, `name` is empty, and the result is
 /// false. Either output may be null; either may own the characters of `path`.
@@ -51,7 +55,7 @@ public:
   /// A file that is not open.
   AFile();
 
-  /// close().
+  /// close(). An exception from the logger ends here.
   ~AFile();
   AFile(AFile const&) = delete;
   AFile& operator=(AFile const&) = delete;
@@ -116,7 +120,7 @@ private:
   bool closeStream();
   bool writeBytes(unsigned char const* bytes, unsigned long count);
 
-  std::FILE* handle;
+  std::FILE* handle = nullptr;
   AString path;
 };
 
@@ -179,9 +183,12 @@ public:
   /// A symbolic link is removed, never followed, whether in the tree or `path`
   /// itself, with or without a final "/". A path of fewer than 4 characters is
   /// refused without a record; one that the C locale cannot express is EILSEQ.
-  /// Any number of entries and levels, up to PATH_MAX, is fine. Not for a tree
-  /// that an unprivileged user may change at the same time: a folder replaced by
-  /// a link between the look at it and its enumeration would be followed.
+  /// Any number of entries and levels, up to PATH_MAX, is fine; what lies beyond
+  /// is ENAMETOOLONG.
+  ///
+  /// Others may change the tree meanwhile: nothing outside it is removed. Where a
+  /// folder is moved to another one while it is emptied, the work ends there, with
+  /// an error (ESTALE). Only the folders above `path` must be safe from changes.
   static bool deleteFolders(AString const& path);
 
   /// Asks whether this process, with its real user id, has `access` to `path`
@@ -226,14 +233,22 @@ public:
   bool open(bool reportNoMatch, wchar_t const* folder, wchar_t const* pattern);
 
   /// The next entry; false when there is none. Every output may be null.
-  /// `path` gets the folder and the name, `name` the last component, `isFolder`
-  /// whether it is a folder or a link to one, `size` always 0.
+  /// `path` gets the folder and the name, `name` the last component as splitPath()
+  /// has it (empty where the path has no "/"), `isFolder` whether it is a folder or
+  /// a link to one, `size` always 0.
   bool moveNext(AString* path, bool* isFolder, AString* name, unsigned long* size);
 
   /// Releases the list.
   void close();
 
 private:
+  friend class vrxutil::detail::TreeDeletion;
+
+  /// What open() finds with the pattern "*" in this very folder, whatever its
+  /// name; `folder` is what the C locale can express.
+  bool openFolder(AString const& folder);
+  bool find(bool reportNoMatch, char const* pattern);
+
   AString spare;  // unused; keeps the documented layout
   glob_t matches;
   char** cursor;

@@ -1,5 +1,6 @@
 #include "tests/file/file_support.h"
 #include "tests/support/locale_scope.h"
+#include "tests/support/own_malloc.h"
 #include "tests/support/temporary_folder.h"
 
 #include <vrxutil/file.h>
@@ -7,13 +8,16 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstddef>
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <type_traits>
 #include <vector>
 
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -272,6 +276,19 @@ TEST(AFileIndexTest, FolderIsPartOfThePattern) {
   EXPECT_EQ(names(folder.wide("o\\*"), L"*"), Names{L"c"});
 }
 
+TEST(AFileIndexTest, TildeIsNoHomeFolder) {
+  EXPECT_EQ(runInChild([] {
+              TemporaryFolder const folder;
+              ASSERT_EQ(::chdir(folder.path().c_str()), 0);
+              EXPECT_FALSE(AFileIndex().open(false, L"", L"~"));
+              EXPECT_EQ(names(L"~", L"*"), Names());
+              makeFile("~", "");
+              AFileIndex index(true, L"", L"~");
+              EXPECT_EQ(rest(index), (Entries{{L"~", false, L""}}));  // as splitPath() has it
+            }).status,
+            0);
+}
+
 TEST(AFileIndexTest, PartsAreJoinedAsPaths) {
   SampleFolder const sample;
   EXPECT_EQ(names(sample.path + L"/", L"a"), Names{L"a"});
@@ -330,6 +347,72 @@ TEST(AFileIndexTest, LongPatternIsNoMatch) {
   AFileIndex index;
   EXPECT_EQ(recordsOf([&] { EXPECT_FALSE(index.open(true, path.c_str(), L"*")); }),
             failed(path + L"/*", ENAMETOOLONG));
+}
+
+/// Makes `count` files with names as long as they can be.
+void makeLongNames(TemporaryFolder const& folder, int count) {
+  for (int i = 0; i < count; ++i) {
+    std::string name = std::to_string(i);
+    name.append(255 - name.size(), 'n');
+    ASSERT_EQ(::mknod((folder / name).c_str(), S_IFREG | 0600, 0), 0);
+  }
+}
+
+/// From now on this process finds hardly more than a megabyte of memory.
+void leaveOneMegabyte() {
+  constexpr std::size_t kBlock = 65536;  // malloc maps no memory for a block of this size
+  std::array<void*, 16> left{};
+  for (void*& block : left) block = std::malloc(kBlock);
+  std::array<char volatile, 4 * kBlock> stack;  // cannot grow later
+  for (std::size_t i = 0; i < stack.size(); i += 1024) stack[i] = 1;
+  rlimit const limit{1, 1};
+  ASSERT_EQ(::setrlimit(RLIMIT_AS, &limit), 0);
+  for (std::size_t size = kBlock; size >= 1024; size /= 2) {
+    while (std::malloc(size) != nullptr) {
+    }
+  }
+  for (void* const block : left) std::free(block);
+}
+
+TEST(AFileIndexTest, WantOfMemoryIsReported) {
+#ifdef VRXUTIL_OWN_MALLOC
+  GTEST_SKIP() << kOwnMalloc;
+#endif
+  TemporaryFolder const folder;
+  makeLongNames(folder, 10'000);
+  EXPECT_EQ(runInChild([&] {
+              AFileIndex index(true, folder.wide("").c_str(), L"1nnn*");
+              leaveOneMegabyte();
+              for (bool const reportNoMatch : {false, true}) {
+                EXPECT_EQ(recordsOf([&] {
+                            EXPECT_FALSE(index.open(reportNoMatch, folder.wide("").c_str(), L"*"));
+                          }),
+                          failed(folder.wide("*"), ENOMEM));
+                EXPECT_EQ(rest(index), Entries());
+              }
+            }).status,
+            0);
+}
+
+/// Names of the entries, in the order in which they come.
+Names namesInOrder(std::wstring const& folder) {
+  AFileIndex index(true, folder.c_str(), L"*");
+  Names found;
+  for (AString name; index.moveNext(nullptr, nullptr, &name, nullptr);) {
+    found.push_back(name.const_cpp_str());
+  }
+  return found;
+}
+
+TEST(AFileIndexTest, OrderIsNotThatOfTheNames) {
+  TemporaryFolder const folder;
+  for (int i = 0; i < 200; ++i) makeFile(folder / std::to_string(i), "");
+  std::vector<fs::path> const given{fs::directory_iterator(folder.path()),
+                                    fs::directory_iterator()};
+  if (std::is_sorted(given.begin(), given.end())) GTEST_SKIP() << "the file system sorts names";
+  Names const found = namesInOrder(folder.wide(""));
+  EXPECT_EQ(found.size(), given.size());
+  EXPECT_FALSE(std::is_sorted(found.begin(), found.end()));
 }
 
 TEST(AFileIndexTest, ManyEntriesAreListed) {

@@ -1,5 +1,6 @@
 #include "tests/file/file_support.h"
 #include "tests/support/locale_scope.h"
+#include "tests/support/own_malloc.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/support/umask_scope.h"
 #include "tests/text/made_locale.h"
@@ -12,6 +13,7 @@
 #include <csignal>
 #include <filesystem>
 #include <limits>
+#include <new>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -189,23 +191,94 @@ INSTANTIATE_TEST_SUITE_P(Reasons, AFileBadPathToWriteTest,
                                          BadPath{"FifoWithoutReader", "fifo", ENXIO}),
                          [](auto const& test) { return std::string(test.param.label); });
 
+/// An operation that takes a path: what it says of paths that lead to no file that
+/// it may use; 0 where it succeeds.
+struct PathOperation {
+  char const* label;
+  bool (*run)(AString const&);
+  int fifo;       // nobody has it open
+  int fifoInUse;  // somebody has, but neither reads nor writes
+  int folder;
+  int closedFile;  // without the right to read or write
+};
+
+void PrintTo(PathOperation const& row, std::ostream* out) { *out << row.label; }
+
+/// An error whose number depends on the file system.
+constexpr int kSomeError = -1;
+
+bool openWriteTo(AString const& path, bool append) { return AFile().openWrite(path, append); }
+
+bool readWhole(AString const& path) {
+  ABuffer contents("");
+  return AFile::read(/*reportMissing=*/false, path, contents);
+}
+
+class AFilePathTest : public testing::TestWithParam<PathOperation> {
+protected:
+  /// The error that is reported; 0 for a success, which reports nothing.
+  static Records errorsOf(std::wstring const& path, int number) {
+    LogRecorder const log;
+    EXPECT_EQ(GetParam().run(path), number == 0);
+    return log.plainErrors();
+  }
+
+  static Records expected(int number) {
+    return number == 0 ? Records() : Records{errorRecord(kGroup, reason(number))};
+  }
+};
+
+// In a child, which ends when it hangs.
+TEST_P(AFilePathTest, NeverWaitsForWhatIsNoFile) {
+  EXPECT_TRUE(holdsUnprivileged([] {
+    TemporaryFolder const own;
+    PathOperation const& row = GetParam();
+    for (char const* const name : {"fifo", "in-use"}) {
+      ASSERT_EQ(::mkfifo((own / name).c_str(), 0600), 0);
+    }
+    int const partner = ::open((own / "in-use").c_str(), O_RDWR);
+    ASSERT_GE(partner, 0);
+    fs::create_directory(own / "folder");
+    makeFile(own / "closed", "text");
+    ASSERT_EQ(::chmod((own / "closed").c_str(), 0), 0);
+    EXPECT_EQ(errorsOf(own.wide("fifo"), row.fifo), expected(row.fifo));
+    EXPECT_EQ(errorsOf(own.wide("in-use"), row.fifoInUse), expected(row.fifoInUse));
+    if (row.folder == kSomeError) {
+      EXPECT_EQ(errorsOf(own.wide("folder"), row.folder).size(), 1U);
+    } else {
+      EXPECT_EQ(errorsOf(own.wide("folder"), row.folder), expected(row.folder));
+    }
+    EXPECT_EQ(errorsOf(own.wide("closed"), row.closedFile), expected(row.closedFile));
+    ::close(partner);
+    ASSERT_EQ(::chmod((own / "closed").c_str(), 0600), 0);
+    EXPECT_EQ(fileBytes(own / "closed"), "text");
+  }));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Operations, AFilePathTest,
+    testing::Values(
+        PathOperation{"Open", [](AString const& path) { return AFile().open(false, path); }, 0, 0,
+                      0, EACCES},
+        PathOperation{"OpenAlways", [](AString const& path) { return AFile().openAlways(path); },
+                      ENXIO, 0, EISDIR, EACCES},
+        PathOperation{"OpenWrite", [](AString const& path) { return openWriteTo(path, false); },
+                      ENXIO, 0, EISDIR, EACCES},
+        PathOperation{"Append", [](AString const& path) { return openWriteTo(path, true); }, ENXIO,
+                      0, EISDIR, EACCES},
+        PathOperation{"Read", &readWhole, ESPIPE, ESPIPE, kSomeError, EACCES},
+        PathOperation{"WriteBytes",
+                      [](AString const& path) { return AFile::write(path, kBytes, kByteCount); },
+                      ENXIO, 0, EISDIR, EACCES},
+        PathOperation{"WriteBuffer",
+                      [](AString const& path) { return AFile::write(path, ABuffer("x")); }, ENXIO,
+                      0, EISDIR, EACCES}),
+    [](auto const& test) { return std::string(test.param.label); });
+
 TEST(AFileTest, EmptyPathIsAMissingFile) {
   AFile file;
   EXPECT_EQ(recordsOf([&] { EXPECT_FALSE(file.open(false, L"")); }), scopes(kGroup, {L"fopen,r,"}));
   EXPECT_EQ(recordsOf([&] { EXPECT_FALSE(file.openAlways(L"")); }), failedOpen(L"w", L"", ENOENT));
-}
-
-TEST(AFileTest, FileWithoutPermissionIsReported) {
-  SampleFile const sample("text");
-  ASSERT_EQ(::chmod(fs::path(sample.narrow).parent_path().c_str(), 0755), 0);
-  ASSERT_EQ(::chmod(sample.narrow.c_str(), 0), 0);
-  EXPECT_TRUE(holdsUnprivileged([&] {
-    AFile file;
-    EXPECT_EQ(recordsOf([&] { EXPECT_FALSE(file.open(false, sample.path)); }),
-              failedOpen(L"r", sample.path, EACCES));
-    EXPECT_EQ(recordsOf([&] { EXPECT_FALSE(file.openAlways(sample.path)); }),
-              failedOpen(L"w", sample.path, EACCES));
-  }));
 }
 
 TEST(AFileTest, PathEndsAtItsNul) {
@@ -235,21 +308,15 @@ TEST(AFileTest, FailedOpenClosesAndStoresTheNewPath) {
   EXPECT_EQ(recordsOf([&] { EXPECT_FALSE(file.seekBegin()); }), failedSeek(L"0", missing, EBADF));
 }
 
-TEST(AFileTest, CloseForgetsThePath) {
+TEST(AFileTest, CloseForgetsThePathOfAnOpenFileAndOfAFailedOpen) {
   SampleFile const sample("text");
-  AFile file;
-  ASSERT_TRUE(file.open(true, sample.path));
-  EXPECT_EQ(recordsOf([&] { file.close(); }), Records());
-  EXPECT_FALSE(file.isOpen());
-  EXPECT_EQ(recordsOf([&] { EXPECT_FALSE(file.seekBegin()); }), failedSeek(L"0", L"", EBADF));
-}
-
-TEST(AFileTest, CloseForgetsThePathOfAFailedOpen) {
-  TemporaryFolder const folder;
-  AFile file;
-  ASSERT_FALSE(file.open(false, folder.wide("missing")));
-  file.close();
-  EXPECT_EQ(recordsOf([&] { EXPECT_FALSE(file.seekBegin()); }), failedSeek(L"0", L"", EBADF));
+  for (std::wstring const& path : {sample.path, sample.path + L"-missing"}) {
+    AFile file;
+    EXPECT_EQ(file.open(false, path), path == sample.path);
+    EXPECT_EQ(recordsOf([&] { file.close(); }), Records());
+    EXPECT_FALSE(file.isOpen());
+    EXPECT_EQ(recordsOf([&] { EXPECT_FALSE(file.seekBegin()); }), failedSeek(L"0", L"", EBADF));
+  }
 }
 
 TEST(AFileTest, OpenClosesTheFileBefore) {
@@ -276,6 +343,50 @@ TEST(AFileTest, DestructorClosesTheFile) {
             }),
             scopes(kGroup, {L"fopen,w," + sample.path}));
   EXPECT_EQ(fileBytes(sample.narrow), "line\n");
+}
+
+/// A logger that fails.
+class ThrowingLogger final : public vornix_com::oxa::logger::ILogger {
+public:
+  ThrowingLogger() : before_(SetLogger(this)) {}
+
+  ~ThrowingLogger() override { SetLogger(before_); }
+
+  ThrowingLogger(ThrowingLogger const&) = delete;
+  ThrowingLogger& operator=(ThrowingLogger const&) = delete;
+
+  void start() override {}
+
+  void attach(std::wstring const&) override {}
+
+  void setMinLogLevel(vornix_com::oxa::logger::LogLevel const&) override {}
+
+  bool isDetailLoggingEnabled() override { return false; }
+
+  void logMessage(vornix_com::oxa::logger::LogLevel const&, std::wstring const&,
+                  std::wstring const&) override {
+    throw std::bad_alloc();
+  }
+
+private:
+  ILogger* before_;
+};
+
+TEST(AFileTest, LoggerThatThrowsPassesThroughCloseButNotTheDestructor) {
+  EXPECT_EQ(runInChild([] {
+              AFile closed;
+              AFile destroyed;
+              for (AFile* const file : {&closed, &destroyed}) {
+                ASSERT_TRUE(file->openAlways(L"/dev/full"));
+                ASSERT_TRUE(file->writeLine(L"short"));
+              }
+              ThrowingLogger const log;
+              EXPECT_THROW(closed.close(), std::bad_alloc);
+              EXPECT_FALSE(closed.isOpen());
+              destroyed.~AFile();
+              ::new (&destroyed) AFile;
+            }).status,
+            0);
 }
 
 TEST(AFileTest, OpenWriteAppends) {
@@ -528,16 +639,6 @@ TEST(AFileTest, CloseReportsWhatCannotBeFlushed) {
   EXPECT_EQ(recordsOf([&] { file.close(); }), Records());
 }
 
-TEST(AFileTest, WriteLineToAFileOpenForReadingFails) {
-  SampleFile const sample("text");
-  AFile file;
-  ASSERT_TRUE(file.open(true, sample.path));
-  EXPECT_EQ(recordsOf([&] { EXPECT_FALSE(file.writeLine(L"x")); }),
-            errorInside({}, kGroup, reason(EBADF)));
-  file.close();
-  EXPECT_EQ(fileBytes(sample.narrow), "text");
-}
-
 TEST(AFileTest, SeeksToBeginningAndEnd) {
   SampleFile const sample("a\nb");
   AFile file;
@@ -656,10 +757,13 @@ TEST(AFileTest, FileShorterThanItsSizeIsAnError) {
 }
 
 TEST(AFileTest, SizeWithoutRoomInMemoryIsTheBuffersError) {
+#ifdef VRXUTIL_OWN_MALLOC
+  GTEST_SKIP() << kOwnMalloc;
+#endif
   TemporaryFolder const folder;
   std::wstring const path = folder.wide("huge");
   constexpr off_t kHuge = std::numeric_limits<off_t>::max() - 4095;
-  MountOutcome const outcome = runOnMount(
+  expectOnMount(
       folder.path(), 0,
       [&] {
         makeFile(folder / "huge", "");
@@ -677,14 +781,12 @@ TEST(AFileTest, SizeWithoutRoomInMemoryIsTheBuffersError) {
                                                            std::to_wstring(kHuge) + L" bytes"));
         EXPECT_EQ(text(contents), "old");
       });
-  if (outcome == MountOutcome::notAllowed) GTEST_SKIP() << kNoMounts;
-  EXPECT_EQ(outcome, MountOutcome::held);
 }
 
 TEST(AFileTest, FullFileSystemIsReported) {
   TemporaryFolder const folder;
   std::wstring const path = folder.wide("file");
-  MountOutcome const outcome = runOnMount(
+  expectOnMount(
       folder.path(), 0, [] {},
       [&] {
         EXPECT_EQ(recordsOf([&] { EXPECT_FALSE(AFile::write(path, ABuffer(kLong, nullptr))); }),
@@ -692,14 +794,12 @@ TEST(AFileTest, FullFileSystemIsReported) {
                       failedCall(kGroup, L"fwrite," + std::to_wstring(kLong) + L"," + path,
                                  reason(ENOSPC)));
       });
-  if (outcome == MountOutcome::notAllowed) GTEST_SKIP() << kNoMounts;
-  EXPECT_EQ(outcome, MountOutcome::held);
 }
 
 TEST(AFileTest, ReadOnlyFileSystemIsReported) {
   TemporaryFolder const folder;
   std::wstring const path = folder.wide("file");
-  MountOutcome const outcome = runOnMount(
+  expectOnMount(
       folder.path(), MS_RDONLY, [&] { makeFile(folder / "file", "text"); },
       [&] {
         AFile file;
@@ -707,8 +807,6 @@ TEST(AFileTest, ReadOnlyFileSystemIsReported) {
                   failedOpen(L"w", path, EROFS));
         EXPECT_EQ(fileBytes(folder / "file"), "text");
       });
-  if (outcome == MountOutcome::notAllowed) GTEST_SKIP() << kNoMounts;
-  EXPECT_EQ(outcome, MountOutcome::held);
 }
 
 #endif
@@ -747,13 +845,17 @@ TEST(AFileTest, WriteReportsAFullDevice) {
   EXPECT_EQ(recordsOf([&] { EXPECT_FALSE(file.write(contents.getBytes(), kLong)); }), failure);
 }
 
-TEST(AFileTest, WriteToAFileOpenForReadingFails) {
+TEST(AFileTest, WritesToAFileOpenForReadingFail) {
   SampleFile const sample("text");
   AFile file;
   ASSERT_TRUE(file.open(true, sample.path));
+  EXPECT_EQ(recordsOf([&] { EXPECT_FALSE(file.writeLine(L"x")); }),
+            errorInside({}, kGroup, reason(EBADF)));
   EXPECT_EQ(recordsOf([&] { EXPECT_FALSE(file.write(kBytes, kByteCount)); }),
             failedWrite(L"6", sample.path, EBADF));
   EXPECT_TRUE(file.isOpen());
+  file.close();
+  EXPECT_EQ(fileBytes(sample.narrow), "text");
 }
 
 TEST(AFileTest, SenselessCountsAreRefused) {
@@ -835,35 +937,54 @@ TEST(AFileStaticTest, MissingFileIsQuietUnlessAsked) {
   EXPECT_EQ(text(contents), "old");
 }
 
-TEST(AFileStaticTest, WritesAWholeFileOverWhatWasThere) {
+/// Both write kBytes.
+struct Writer {
+  char const* label;
+  bool (*run)(AString const&);
+};
+
+void PrintTo(Writer const& row, std::ostream* out) { *out << row.label; }
+
+class AFileStaticWriteTest : public testing::TestWithParam<Writer> {
+protected:
+  static bool run(std::wstring const& path) { return GetParam().run(path); }
+};
+
+TEST_P(AFileStaticWriteTest, WritesAWholeFileOverWhatWasThere) {
   SampleFile const sample("old and longer");
-  Records const expected = scopes(kGroup, {L"fopen,w," + sample.path, L"fwrite,6," + sample.path});
-  EXPECT_EQ(recordsOf([&] { EXPECT_TRUE(AFile::write(sample.path, kBytes, kByteCount)); }),
-            expected);
+  EXPECT_EQ(recordsOf([&] { EXPECT_TRUE(run(sample.path)); }),
+            scopes(kGroup, {L"fopen,w," + sample.path, L"fwrite,6," + sample.path}));
   EXPECT_EQ(fileBytes(sample.narrow), "a\0\xFF\r\nb"s);
-  EXPECT_EQ(recordsOf([&] { EXPECT_TRUE(AFile::write(sample.path, ABuffer("buffer"))); }),
-            expected);
-  EXPECT_EQ(fileBytes(sample.narrow), "buffer");
-  EXPECT_TRUE(AFile::write(sample.path, ABuffer("")));
-  EXPECT_EQ(fileBytes(sample.narrow), "");
 }
 
-TEST(AFileStaticTest, WriteThatCannotOpenFails) {
+TEST_P(AFileStaticWriteTest, FailsWhereItCannotOpen) {
   TemporaryFolder const folder;
   std::wstring const path = folder.wide("none/file");
-  EXPECT_EQ(recordsOf([&] { EXPECT_FALSE(AFile::write(path, kBytes, kByteCount)); }),
-            failedOpen(L"w", path, ENOENT));
-  EXPECT_EQ(recordsOf([&] { EXPECT_FALSE(AFile::write(path, ABuffer("x"))); }),
-            failedOpen(L"w", path, ENOENT));
+  EXPECT_EQ(recordsOf([&] { EXPECT_FALSE(run(path)); }), failedOpen(L"w", path, ENOENT));
 }
 
-TEST(AFileStaticTest, WriteThatCannotBeFlushedFails) {
-  Records const expected = scopes(kGroup, {L"fopen,w,/dev/full", L"fwrite,6,/dev/full"}) +
-                           errorInside({}, kGroup, reason(ENOSPC));
-  EXPECT_EQ(recordsOf([] { EXPECT_FALSE(AFile::write(L"/dev/full", kBytes, kByteCount)); }),
-            expected);
-  EXPECT_EQ(recordsOf([] { EXPECT_FALSE(AFile::write(L"/dev/full", ABuffer("buffer"))); }),
-            expected);
+TEST_P(AFileStaticWriteTest, FailsWhereItCannotFlush) {
+  EXPECT_EQ(recordsOf([] { EXPECT_FALSE(run(L"/dev/full")); }),
+            scopes(kGroup, {L"fopen,w,/dev/full", L"fwrite,6,/dev/full"}) +
+                errorInside({}, kGroup, reason(ENOSPC)));
+}
+
+INSTANTIATE_TEST_SUITE_P(Forms, AFileStaticWriteTest,
+                         testing::Values(Writer{"Bytes",
+                                                [](AString const& path) {
+                                                  return AFile::write(path, kBytes, kByteCount);
+                                                }},
+                                         Writer{"Buffer",
+                                                [](AString const& path) {
+                                                  return AFile::write(path,
+                                                                      ABuffer(kByteCount, kBytes));
+                                                }}),
+                         [](auto const& test) { return std::string(test.param.label); });
+
+TEST(AFileStaticTest, EmptyBufferGivesAnEmptyFile) {
+  SampleFile const sample("old");
+  EXPECT_TRUE(AFile::write(sample.path, ABuffer("")));
+  EXPECT_EQ(fileBytes(sample.narrow), "");
 }
 
 }  // namespace

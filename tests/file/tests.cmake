@@ -1,4 +1,5 @@
 vrxutil_test(file path_test)
 vrxutil_test(file file_test)
+vrxutil_test(file file_allocation_test)
 vrxutil_test(file file_index_test)
 vrxutil_test(file filer_test)

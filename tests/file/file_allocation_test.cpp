@@ -1,0 +1,154 @@
+// What reading a line takes from the free store, and in records, seen by an
+// operator new of this program's own: neither grows by the byte.
+
+#include "tests/support/temporary_folder.h"
+
+#include <vrxcomn/logger.h>
+#include <vrxutil/file.h>
+
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <cstdlib>
+#include <new>
+#include <string>
+
+namespace {
+
+constinit thread_local long blocksTaken = 0;
+
+}  // namespace
+
+void* operator new(std::size_t size) {
+  ++blocksTaken;
+  if (void* const block = std::malloc(size > 0 ? size : 1)) return block;
+  throw std::bad_alloc();
+}
+
+// Inlined alone, the deletes make g++ miss that the blocks come from malloc.
+[[gnu::noinline]] void operator delete(void* block) noexcept { std::free(block); }
+
+[[gnu::noinline]] void operator delete(void* block, std::size_t /*size*/) noexcept {
+  std::free(block);
+}
+
+namespace vrxutil::test {
+namespace {
+
+using vornix_com::oxa::logger::LogLevel;
+
+constexpr std::size_t kLong = 10 << 20;
+
+/// Counts records and keeps none.
+class CountingLogger final : public vornix_com::oxa::logger::ILogger {
+public:
+  CountingLogger() : before_(SetLogger(this)) {}
+
+  ~CountingLogger() override { SetLogger(before_); }
+
+  CountingLogger(CountingLogger const&) = delete;
+  CountingLogger& operator=(CountingLogger const&) = delete;
+
+  void start() override {}
+
+  void attach(std::wstring const&) override {}
+
+  void setMinLogLevel(LogLevel const&) override {}
+
+  bool isDetailLoggingEnabled() override { return false; }
+
+  void logMessage(LogLevel const& level, std::wstring const&, std::wstring const&) override {
+    ++(level == LogLevel::error ? errors : others);
+  }
+
+  long errors = 0;
+  long others = 0;
+
+private:
+  ILogger* before_;
+};
+
+/// What one readLine() has taken.
+struct Cost {
+  long blocks;
+  long records;
+  bool operator==(Cost const&) const = default;
+};
+
+void PrintTo(Cost const& cost, std::ostream* out) {
+  *out << cost.blocks << " blocks, " << cost.records << " records";
+}
+
+/// Reads a line of `length` letters into a string that has room for `room`.
+Cost costOfLine(std::size_t length, std::size_t room) {
+  TemporaryFolder const folder;
+  makeFile(folder / "file", "warm up\n" + std::string(length, 'x') + "\n");
+  CountingLogger const log;
+  AFile file;
+  EXPECT_TRUE(file.open(true, folder.wide("file")));
+  AString line;
+  EXPECT_TRUE(file.readLine(line));
+  line.cpp_str().reserve(room);
+
+  Cost const before{blocksTaken, log.others};
+  bool const isRead = file.readLine(line);
+  Cost const cost{blocksTaken - before.blocks, log.others - before.records};
+  EXPECT_TRUE(isRead);
+  EXPECT_EQ(line.size(), length);
+  EXPECT_EQ(log.errors, 0);
+  return cost;
+}
+
+TEST(AFileAllocationTest, ProgramSeesTheLibrarysAllocations) {
+  EXPECT_GT(costOfLine(1000, 0).blocks, 0);
+}
+
+TEST(AFileAllocationTest, LengthOfALineTakesNeitherBlockNorRecord) {
+  Cost const ofShort = costOfLine(1, kLong);
+  EXPECT_EQ(ofShort.records, 1);
+  EXPECT_EQ(costOfLine(kLong, kLong), ofShort);
+}
+
+// A string at least doubles when it grows: at most 24 times to 10 MiB.
+TEST(AFileAllocationTest, LineWithoutRoomGrowsBySteps) {
+  Cost const ofShort = costOfLine(1, 0);
+  Cost const ofLong = costOfLine(kLong, 0);
+  EXPECT_EQ(ofLong.records, 1);
+  EXPECT_LE(ofLong.blocks, ofShort.blocks + 24);
+}
+
+TEST(AFileAllocationTest, OnlyNulsInALongLineAreReported) {
+  constexpr long kNuls = 100;
+  std::string bytes(kLong, 'x');
+  for (std::size_t i = 0; i < kNuls; ++i) bytes[i * (kLong / kNuls)] = '\0';
+  TemporaryFolder const folder;
+  makeFile(folder / "file", bytes + "\nnext\n");
+  AFile file;
+  ASSERT_TRUE(file.open(true, folder.wide("file")));
+  CountingLogger const log;
+  AString line;
+  EXPECT_TRUE(file.readLine(line));
+  EXPECT_TRUE(line.const_cpp_str() == std::wstring(bytes.begin(), bytes.end()));
+  EXPECT_EQ(log.errors, kNuls * 3);  // the heading, the scope, the message
+  EXPECT_EQ(log.others, 1);
+  EXPECT_TRUE(file.readLine(line));
+  EXPECT_EQ(line.const_cpp_str(), L"next");
+}
+
+TEST(AFileAllocationTest, FileWithoutALineFeedIsOneLine) {
+  TemporaryFolder const folder;
+  makeFile(folder / "file", std::string(kLong, 'x'));
+  AFile file;
+  ASSERT_TRUE(file.open(true, folder.wide("file")));
+  CountingLogger const log;
+  AString line;
+  EXPECT_TRUE(file.readLine(line));
+  EXPECT_TRUE(line.const_cpp_str() == std::wstring(kLong, L'x'));
+  EXPECT_FALSE(file.readLine(line));
+  EXPECT_EQ(line.const_cpp_str(), L"");
+  EXPECT_EQ(log.errors, 0);
+  EXPECT_EQ(log.others, 2);
+}
+
+}  // namespace
+}  // namespace vrxutil::test
