@@ -3,6 +3,7 @@
 #include "tests/support/log_recorder.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/support/umask_scope.h"
+#include "tests/support/variable_scope.h"
 
 #include <vrxcomn/configuration.h>
 #include <vrxcomn/crypto.h>
@@ -12,7 +13,6 @@
 #include <array>
 #include <cerrno>
 #include <cstddef>
-#include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -80,20 +80,6 @@ std::optional<std::string> decrypted(std::string const& text) {
 
 class CryptoTest : public testing::Test {
 protected:
-  CryptoTest() {
-    char const* const before = std::getenv("VRX_DATA_DIR");
-    if (before != nullptr) before_ = before;
-    ::setenv("VRX_DATA_DIR", data().c_str(), 1);
-  }
-
-  ~CryptoTest() override {
-    if (before_) {
-      ::setenv("VRX_DATA_DIR", before_->c_str(), 1);
-    } else {
-      ::unsetenv("VRX_DATA_DIR");
-    }
-  }
-
   std::string data() const { return folder_ / "data"; }
 
   std::string keyFolder() const { return data() + "/keys"; }
@@ -111,7 +97,7 @@ protected:
 
 private:
   TemporaryFolder folder_;
-  std::optional<std::string> before_;
+  VariableScope variable_{"VRX_DATA_DIR", data()};
 };
 
 struct stat statusOf(std::string const& path) {

@@ -1,5 +1,5 @@
 #include "tests/platform/child_process.h"
-#include "tests/platform/other_user.h"
+#include "tests/support/other_user.h"
 #include "tests/platform/profile_calls.h"
 #include "tests/support/locale_scope.h"
 #include "tests/support/temporary_folder.h"

@@ -1,5 +1,6 @@
 #include "tests/support/log_recorder.h"
 #include "tests/support/temporary_folder.h"
+#include "tests/support/variable_scope.h"
 
 #include <vrxcomn/crypto.h>
 #include <vrxutil/system.h>
@@ -8,7 +9,6 @@
 
 #include <bit>
 #include <cstddef>
-#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -398,30 +398,6 @@ TEST(CryptoBufferTest, HasZeroBytesWithoutASource) {
 }
 
 // --- The built-in service -----------------------------------------------------------------
-
-// An environment variable for the length of a scope.
-class VariableScope {
-public:
-  VariableScope(char const* name, std::string const& value) : name_(name) {
-    if (char const* const before = std::getenv(name)) before_ = before;
-    ::setenv(name, value.c_str(), /*overwrite=*/1);
-  }
-
-  ~VariableScope() {
-    if (before_) {
-      ::setenv(name_, before_->c_str(), /*overwrite=*/1);
-    } else {
-      ::unsetenv(name_);
-    }
-  }
-
-  VariableScope(VariableScope const&) = delete;
-  VariableScope& operator=(VariableScope const&) = delete;
-
-private:
-  char const* name_;
-  std::optional<std::string> before_;
-};
 
 class BuiltInCryptoTest : public testing::Test {
 protected:

@@ -6,6 +6,7 @@
 #include "tests/support/locale_scope.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/temporary_folder.h"
+#include "tests/support/variable_scope.h"
 
 #include <vrxcomn/xml_parser.h>
 #include <vrxutil/log.h>
@@ -61,30 +62,6 @@ constexpr wchar_t kNoCatalogue[] = L"Error:  Uninitialized resource file.";
 
 // What is there before anything of the program has run.
 AResourceFile* const kDefaultAtStart = ALocalizedString::DefaultResourceFile;
-
-// A variable of the environment, for the length of a scope.
-class VariableScope {
-public:
-  VariableScope(char const* name, std::string const& value) : name_(name) {
-    if (char const* const before = std::getenv(name)) before_ = before;
-    ::setenv(name, value.c_str(), /*overwrite=*/1);
-  }
-
-  ~VariableScope() {
-    if (before_) {
-      ::setenv(name_, before_->c_str(), /*overwrite=*/1);
-    } else {
-      ::unsetenv(name_);
-    }
-  }
-
-  VariableScope(VariableScope const&) = delete;
-  VariableScope& operator=(VariableScope const&) = delete;
-
-private:
-  char const* name_;
-  std::optional<std::string> before_;
-};
 
 // A locale made with the program, in one category of setlocale(3) or in all.
 class MadeLocale {

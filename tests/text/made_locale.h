@@ -4,6 +4,7 @@
 
 #include "tests/support/locale_scope.h"
 #include "tests/support/temporary_folder.h"
+#include "tests/support/variable_scope.h"
 
 #include <cstdlib>
 #include <optional>
@@ -59,11 +60,6 @@ public:
     }
   }
 
-  ~ChosenLocale() {
-    scope_.reset();
-    if (folder_) restoreSearchPath();
-  }
-
   ChosenLocale(ChosenLocale const&) = delete;
   ChosenLocale& operator=(ChosenLocale const&) = delete;
 
@@ -89,8 +85,7 @@ private:
     std::string const command = "localedef -c -i " + *folder_ / "source" + " -f " + choice.charmap +
                                 " " + *folder_ / "made" + " >/dev/null 2>&1";
     int const status = std::system(command.c_str());
-    if (char const* const before = std::getenv("LOCPATH")) searchPathBefore_ = before;
-    ::setenv("LOCPATH", folder_->path().c_str(), /*overwrite=*/1);
+    searchPath_.emplace("LOCPATH", folder_->path());
     try {
       scope_.emplace("made");
     } catch (std::runtime_error const&) {
@@ -98,16 +93,8 @@ private:
     }
   }
 
-  void restoreSearchPath() {
-    if (searchPathBefore_) {
-      ::setenv("LOCPATH", searchPathBefore_->c_str(), /*overwrite=*/1);
-    } else {
-      ::unsetenv("LOCPATH");
-    }
-  }
-
   std::optional<TemporaryFolder> folder_;
-  std::optional<std::string> searchPathBefore_;
+  std::optional<VariableScope> searchPath_;
   std::optional<LocaleScope> scope_;
   std::string whyMissing_;
 };

@@ -5,6 +5,7 @@
 
 #include "tests/support/log_recorder.h"
 #include "tests/support/temporary_folder.h"
+#include "tests/support/variable_scope.h"
 
 #include <vrxcomn/xml_parser.h>
 #include <vrxutil/xml.h>
@@ -12,7 +13,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -177,30 +177,8 @@ inline void expectLibraryError(LogRecorder const& log) {
 
 /// A framework data folder of the test's own, where the encryption key goes.
 class DataFolderScope {
-public:
-  DataFolderScope() {
-    if (char const* before = std::getenv(kVariable)) before_ = before;
-    use(folder_.path());
-  }
-
-  ~DataFolderScope() {
-    if (before_) {
-      use(*before_);
-    } else {
-      ::unsetenv(kVariable);
-    }
-  }
-
-  DataFolderScope(DataFolderScope const&) = delete;
-  DataFolderScope& operator=(DataFolderScope const&) = delete;
-
-private:
-  static constexpr char kVariable[] = "VRX_DATA_DIR";
-
-  static void use(std::string const& path) { ::setenv(kVariable, path.c_str(), /*overwrite=*/1); }
-
   TemporaryFolder folder_;
-  std::optional<std::string> before_;
+  VariableScope variable_{"VRX_DATA_DIR", folder_.path()};
 };
 
 /// Names of the entries of a folder, sorted.
