@@ -7,10 +7,6 @@
 #include <map>
 #include <tuple>
 
-#if defined(__GLIBC__)
-#include <malloc.h>
-#endif
-
 namespace vrxutil::bench {
 
 namespace {
@@ -35,18 +31,6 @@ std::vector<std::size_t> numbers(std::size_t count, bool isShuffled) {
   if (isShuffled) std::shuffle(numbers.begin(), numbers.end(), random);
   return numbers;
 }
-
-/// Freed memory stays with the process, so that no figure depends on whether the
-/// one before gave pages back to the system.
-bool keepFreedMemory() {
-#if defined(__GLIBC__)
-  return ::mallopt(M_MMAP_THRESHOLD, 32 << 20) == 1 && ::mallopt(M_TRIM_THRESHOLD, 1 << 30) == 1;
-#else
-  return false;
-#endif
-}
-
-[[maybe_unused]] bool const kKeepsFreedMemory = keepFreedMemory();
 
 void write(IniFile const& file, std::string const& path) {
   std::ofstream stream(path);
@@ -83,12 +67,6 @@ std::string const& IniFile::path() const {
     write(*this, path);
   }
   return path;
-}
-
-void settleFreedMemory() {
-  void* block = std::malloc(64 << 10);
-  benchmark::DoNotOptimize(block);
-  std::free(block);
 }
 
 }  // namespace vrxutil::bench

@@ -3,6 +3,8 @@
 
 #pragma once
 
+#include "bench/measuring.h"
+
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -15,8 +17,6 @@
 #include <string>
 #include <utility>
 #include <vector>
-
-#include <time.h>
 
 namespace vrxutil::bench {
 
@@ -71,44 +71,6 @@ NamesOf<Text> namesOf(IniFile const& file, bool isRandom, MakeText makeText) {
   return names;
 }
 
-/// Makes the C library do now what it puts off when many small blocks are freed.
-void settleFreedMemory();
-
-/// Processor time of this thread that `work` takes, in seconds.
-template <class Work>
-double secondsOf(Work const& work) {
-  auto const now = [] {
-    timespec time{};
-    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
-  };
-  double const start = now();
-  work();
-  return now() - start;
-}
-
-/// The middle one of `values`, of which there is at least one.
-inline double median(std::vector<double> values) {
-  auto const middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-  std::nth_element(values.begin(), middle, values.end());
-  return *middle;
-}
-
-/// Times `own` in turn with `peer`, and reports the median of their ratios as the
-/// counter "toGKeyFile". Each returns the seconds it took. For benchmarks with
-/// manual time.
-template <class Own, class Peer>
-void measureBeside(benchmark::State& state, Peer const& peer, Own const& own) {
-  std::vector<double> ratios;
-  for (auto _ : state) {
-    double const peers = peer();
-    double const seconds = own();
-    state.SetIterationTime(seconds);
-    ratios.push_back(seconds / peers);
-  }
-  state.counters["toGKeyFile"] = median(std::move(ratios));
-}
-
 /// Seconds that GKeyFile takes to read a file; freeing it is not counted.
 double readWithGKeyFile(std::string const& path);
 
@@ -125,7 +87,7 @@ template <class Read>
 void measureReading(benchmark::State& state, Read const& read) {
   std::string const& path = largeFileOf(state).path();
   measureBeside(
-      state, [&] { return readWithGKeyFile(path); },
+      state, "toGKeyFile", [&] { return readWithGKeyFile(path); },
       [&] { return secondsOfReading([&] { return read(path); }); });
 }
 
@@ -159,7 +121,7 @@ double secondsOfLookups(Names const& names, LookUp const& lookUp) {
 template <class Names, class LookUp>
 void measureLookups(benchmark::State& state, Names const& names, LookUp const& lookUp) {
   auto const peer = lookupsWithGKeyFile(smallFileOf(state), isAskedAtRandom(state));
-  measureBeside(state, peer, [&] { return secondsOfLookups(names, lookUp); });
+  measureBeside(state, "toGKeyFile", peer, [&] { return secondsOfLookups(names, lookUp); });
   state.counters["perLookup"] = benchmark::Counter(
       static_cast<double>(names.size()),
       benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);

@@ -9,10 +9,6 @@
 #include <string_view>
 #include <type_traits>
 
-#if defined(__GLIBC__)
-#include <malloc.h>
-#endif
-
 namespace vrxutil::bench {
 
 namespace {
@@ -134,18 +130,6 @@ void endElement(void* /*data*/, XML_Char const* /*name*/) {}
 
 void characters(void* /*data*/, XML_Char const* /*text*/, int /*size*/) {}
 
-/// Freed memory stays with the process, so that no figure depends on whether the
-/// one before gave pages back to the system.
-bool keepFreedMemory() {
-#if defined(__GLIBC__)
-  return ::mallopt(M_MMAP_THRESHOLD, 32 << 20) == 1 && ::mallopt(M_TRIM_THRESHOLD, 1 << 30) == 1;
-#else
-  return false;
-#endif
-}
-
-[[maybe_unused]] bool const kKeepsFreedMemory = keepFreedMemory();
-
 struct ParserDeleter {
   void operator()(XML_Parser parser) const { XML_ParserFree(parser); }
 };
@@ -183,12 +167,6 @@ void readEvents(std::size_t blockSize) {
                                         /*isFinal=*/rest.empty());
     if (status != XML_STATUS_OK) std::abort();  // the document is our own
   }
-}
-
-void settleFreedMemory() {
-  void* block = std::malloc(64 << 10);
-  benchmark::DoNotOptimize(block);
-  std::free(block);
 }
 
 }  // namespace vrxutil::bench

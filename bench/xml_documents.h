@@ -3,14 +3,12 @@
 
 #pragma once
 
+#include "bench/measuring.h"
+
 #include <benchmark/benchmark.h>
 
-#include <algorithm>
 #include <cstddef>
 #include <string>
-#include <vector>
-
-#include <time.h>
 
 namespace vrxutil::bench {
 
@@ -34,46 +32,22 @@ inline constexpr std::size_t kManyTasks = 10000;
 /// of `blockSize` bytes: what any parser on top of it costs at least.
 void readEvents(std::size_t blockSize);
 
-/// Makes the C library do now what it puts off when many small blocks are freed.
-/// It would do so in the middle of the next work that takes a large block, at that
-/// one's expense.
-void settleFreedMemory();
-
-/// Processor time of this thread that `work` takes, in seconds: what other
-/// processes do meanwhile does not count.
+/// Seconds that `work` takes, with what freeing its blocks leaves behind.
 template <class Work>
-double secondsOf(Work work) {
-  auto const now = [] {
-    timespec time{};
-    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
-  };
-  double const start = now();
-  work();
-  settleFreedMemory();
-  return now() - start;
+double secondsAndSettling(Work const& work) {
+  return secondsOf([&] {
+    work();
+    settleFreedMemory();
+  });
 }
 
-/// The middle one of `values`, of which there is at least one.
-inline double median(std::vector<double> values) {
-  auto const middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-  std::nth_element(values.begin(), middle, values.end());
-  return *middle;
-}
-
-/// Times `work` in turn with Expat's bare events, so that both meet the same
-/// machine, and reports their ratio as the counter "toExpat": the median of all
-/// pairs. For benchmarks with manual time.
+/// Times `work` in turn with Expat's bare events, as the counter "toExpat".
 template <class Work>
-void measureBesideExpat(benchmark::State& state, Work work) {
-  std::vector<double> ratios;
-  for (auto _ : state) {
-    double const events = secondsOf([] { readEvents(configuration().size()); });
-    double const own = secondsOf(work);
-    state.SetIterationTime(own);
-    ratios.push_back(own / events);
-  }
-  state.counters["toExpat"] = median(std::move(ratios));
+void measureBesideExpat(benchmark::State& state, Work const& work) {
+  measureBeside(
+      state, "toExpat",
+      [] { return secondsAndSettling([] { readEvents(configuration().size()); }); },
+      [&] { return secondsAndSettling(work); });
 }
 
 /// Times the removal of all children one by one. `build` makes a document with
@@ -84,7 +58,7 @@ void measureRemoval(benchmark::State& state, Build build, RemoveAll removeAll) {
   std::string const text = taskList(static_cast<std::size_t>(state.range(0)));
   for (auto _ : state) {
     auto document = build(text);
-    state.SetIterationTime(secondsOf([&] { removeAll(document); }));
+    state.SetIterationTime(secondsAndSettling([&] { removeAll(document); }));
   }
   state.counters["perChild"] = benchmark::Counter(
       static_cast<double>(state.range(0)),

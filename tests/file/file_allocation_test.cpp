@@ -1,6 +1,7 @@
 // What reading a line takes from the free store, and in records, seen by an
 // operator new of this program's own: neither grows by the byte.
 
+#include "tests/support/block_count.h"
 #include "tests/support/temporary_folder.h"
 
 #include <vrxcomn/logger.h>
@@ -9,28 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
-#include <cstdlib>
-#include <new>
 #include <string>
-
-namespace {
-
-constinit thread_local long blocksTaken = 0;
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-  ++blocksTaken;
-  if (void* const block = std::malloc(size > 0 ? size : 1)) return block;
-  throw std::bad_alloc();
-}
-
-// Inlined alone, the deletes make g++ miss that the blocks come from malloc.
-[[gnu::noinline]] void operator delete(void* block) noexcept { std::free(block); }
-
-[[gnu::noinline]] void operator delete(void* block, std::size_t /*size*/) noexcept {
-  std::free(block);
-}
 
 namespace vrxutil::test {
 namespace {
@@ -90,9 +70,9 @@ Cost costOfLine(std::size_t length, std::size_t room) {
   EXPECT_TRUE(file.readLine(line));
   line.cpp_str().reserve(room);
 
-  Cost const before{blocksTaken, log.others};
+  Cost const before{blocksTaken(), log.others};
   bool const isRead = file.readLine(line);
-  Cost const cost{blocksTaken - before.blocks, log.others - before.records};
+  Cost const cost{blocksTaken() - before.blocks, log.others - before.records};
   EXPECT_TRUE(isRead);
   EXPECT_EQ(line.size(), length);
   EXPECT_EQ(log.errors, 0);

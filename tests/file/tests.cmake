@@ -1,5 +1,5 @@
 vrxutil_test(file path_test)
 vrxutil_test(file file_test)
-vrxutil_test(file file_allocation_test)
+vrxutil_test(file file_allocation_test test_block_count)
 vrxutil_test(file file_index_test)
 vrxutil_test(file filer_test)

@@ -1,43 +1,24 @@
 // Numbers appended to a string that has room take nothing from the free store,
 // as seen by an operator new of this program's own.
 
+#include "tests/support/block_count.h"
+
 #include <vrxutil/text.h>
 
 #include <gtest/gtest.h>
 
 #include <climits>
 #include <cstddef>
-#include <cstdlib>
-#include <new>
 #include <string>
-
-namespace {
-
-constinit thread_local long blocksTaken = 0;
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-  ++blocksTaken;
-  if (void* const block = std::malloc(size > 0 ? size : 1)) return block;
-  throw std::bad_alloc();
-}
-
-// Inlined alone, the deletes make g++ miss that the blocks come from malloc.
-[[gnu::noinline]] void operator delete(void* block) noexcept { std::free(block); }
-
-[[gnu::noinline]] void operator delete(void* block, std::size_t /*size*/) noexcept {
-  std::free(block);
-}
 
 namespace vrxutil::test {
 namespace {
 
 TEST(NumberAllocationTest, ProgramSeesTheStringsOwnAllocations) {
   AString text;
-  long const before = blocksTaken;
+  long const before = blocksTaken();
   text << L"longer than what a string holds within itself";
-  EXPECT_GT(blocksTaken, before);
+  EXPECT_GT(blocksTaken(), before);
 }
 
 TEST(NumberAllocationTest, AppendedNumberTakesNoBlock) {
@@ -45,10 +26,10 @@ TEST(NumberAllocationTest, AppendedNumberTakesNoBlock) {
   text.cpp_str().reserve(1000);
   text << 1L << 2 << 3UL << static_cast<void*>(&text);
 
-  long const before = blocksTaken;
+  long const before = blocksTaken();
   text << 42L << LONG_MIN << LONG_MAX << -7 << INT_MIN << 5UL << ULONG_MAX
        << static_cast<void*>(&text);
-  EXPECT_EQ(blocksTaken, before);
+  EXPECT_EQ(blocksTaken(), before);
 }
 
 }  // namespace

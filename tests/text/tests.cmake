@@ -1,7 +1,7 @@
 vrxutil_test(text wide_string_test)
 vrxutil_test(text text_conversion_test)
 vrxutil_test(text field_format_test)
-vrxutil_test(text number_allocation_test)
+vrxutil_test(text number_allocation_test test_block_count)
 vrxutil_test(text narrow_string_test)
 vrxutil_test(text string_list_test)
 vrxutil_test(text string_parser_test)
