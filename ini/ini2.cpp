@@ -134,8 +134,8 @@ AnIni2::~AnIni2() {
 }
 
 bool AnIni2::open(AString const& name) {
-  // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): it may be the present one,
-  // which close() empties
+  // It may be the present one, which close() empties.
+  // NOLINTNEXTLINE(performance-unnecessary-copy-initialization)
   AString const newName(name);
   close();
   AnIni::open(newName);

@@ -218,7 +218,10 @@ TEST(AFilerTest, NoFolderForTemporaryFilesIsReported) {
 
 #endif
 
-std::string longName() { return std::string(300, 'n'); }
+std::string longName() {
+  std::string name;
+  return name.append(300, 'n');
+}
 
 /// A folder "d" with a file "f", a file, links, an empty folder.
 class AFilerFolderTest : public testing::Test {
@@ -463,15 +466,15 @@ Accessibility ask(std::wstring const& path, int access, bool before) {
 }
 
 struct AccessKind {
-  int access;
   wchar_t const* mode;
+  int access;
   mode_t permission;  // of the owner
 };
 
-constexpr AccessKind kAccessKinds[] = {{AFiler::readAccess, L"4", 0400},
-                                       {AFiler::writeAccess, L"2", 0200},
-                                       {AFiler::executeAccess, L"1", 0100},
-                                       {AFiler::changeAccess, L"2", 0200}};
+constexpr AccessKind kAccessKinds[] = {{L"4", AFiler::readAccess, 0400},
+                                       {L"2", AFiler::writeAccess, 0200},
+                                       {L"1", AFiler::executeAccess, 0100},
+                                       {L"2", AFiler::changeAccess, 0200}};
 
 TEST_F(AFilerFolderTest, AccessKindsAreTestedAsTheirModes) {
   ASSERT_EQ(::chmod((folder / "file").c_str(), 0777), 0);
@@ -817,25 +820,17 @@ TEST_F(AFilerTreeTest, NamesInTheLocalesEncodingAreDeleted) {
 TEST_F(AFilerTreeTest, NamesInAnEncodingThatSharesBytesWithPatternsAreDeleted) {
   ChosenLocale const locale(kShiftJis);
   if (!locale.whyMissing().empty()) GTEST_SKIP() << locale.whyMissing();
-  for (std::string const name : {"\x95\x5C", "\x95\x5Cx", "\x83\x5B",
-                                 "\x83\x5B"
-                                 "a]",
-                                 "\x95\x5C\x83\x5B", "\x5C", "a*"}) {
+  char const* const siblings[] = {"\x95", "\x95x", "\203a", "\x95[", "x", "ab"};
+  for (std::string const name :
+       {"\x95\\", "\x95\\x", "\x83[", "\203[a]", "\x95\\\x83[", "\\", "a*"}) {
     makeTree(name);
     makeTree(name + "/" + name);
-    for (char const* const sibling : {"\x95", "\x95x",
-                                      "\x83"
-                                      "a",
-                                      "\x95[", "x", "ab"})
-      makeTree(sibling);
+    for (char const* const sibling : siblings) makeTree(sibling);
     LogRecorder const log;
     EXPECT_TRUE(AFiler::deleteFolders(AString((folder / name).c_str())));
     EXPECT_EQ(log.errors(), Records());
     EXPECT_FALSE(exists(name)) << testing::PrintToString(name);
-    for (char const* const sibling : {"\x95", "\x95x",
-                                      "\x83"
-                                      "a",
-                                      "\x95[", "x", "ab"}) {
+    for (char const* const sibling : siblings) {
       EXPECT_TRUE(exists(sibling + "/f"s)) << testing::PrintToString(sibling);
       EXPECT_TRUE(exists(sibling + "/d/f"s)) << testing::PrintToString(sibling);
     }
