@@ -36,7 +36,7 @@ class IniFile {
 public:
   explicit IniFile(std::string const& contents) { makeFile(folder_ / "file.ini", contents); }
 
-  AString name() const { return AString(folder_.wide("file.ini")); }
+  AString name() const { return {folder_.wide("file.ini")}; }
 
   std::string bytes() const { return fileBytes(folder_ / "file.ini"); }
 
