@@ -432,7 +432,7 @@ TEST_F(AnIni2ReadingTest, LongLinesAreRead) {
 
 TEST_F(AnIni2ReadingTest, MillionSectionsAreRead) {
   std::string text;
-  for (int i = 1000000; i > 0; --i) text += "[" + std::to_string(i) + "]\nk=v\n";
+  for (int i = 1000000; i > 0; --i) text.append("[").append(std::to_string(i)).append("]\nk=v\n");
   Outcome const outcome = read(text);
   EXPECT_TRUE(outcome.parsed);
   EXPECT_EQ(outcome.map.size(), 1000000U);

@@ -1,7 +1,7 @@
 #include "tests/platform/child_process.h"
-#include "tests/support/other_user.h"
 #include "tests/platform/profile_calls.h"
 #include "tests/support/locale_scope.h"
+#include "tests/support/other_user.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/support/umask_scope.h"
 
@@ -306,7 +306,8 @@ TEST(ProfileReadTest, LastOfAMillionSections) {
   constexpr int kSections = 1000000;
   TemporaryFolder const folder;
   std::string bytes;
-  for (int i = 0; i < kSections; ++i) bytes += "[" + std::to_string(i) + "]\nk=v\n";
+  for (int i = 0; i < kSections; ++i)
+    bytes.append("[").append(std::to_string(i)).append("]\nk=v\n");
   makeFile(folder / "f", bytes + "[last]\nk=w\n");
   std::wstring const file = folder.wide("f");
   EXPECT_EQ(valueOf(file, L"last", L"k"), L"w");
