@@ -359,8 +359,9 @@ void makeLongNames(TemporaryFolder const& folder, int count) {
   }
 }
 
-/// From now on this process finds hardly more than a megabyte of memory.
-void leaveOneMegabyte() {
+/// From now on this process finds hardly more than a megabyte of memory. (Inlined,
+/// the stack that it takes would not be where its caller needs it next.)
+[[gnu::noinline]] void leaveOneMegabyte() {
   constexpr std::size_t kBlock = 65536;  // malloc maps no memory for a block of this size
   std::array<void*, 16> left{};
   for (void*& block : left) block = std::malloc(kBlock);
