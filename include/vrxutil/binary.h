@@ -1,4 +1,4 @@
-// Bytes: growable buffers and byte-order conversion.
+// Bytes: growable buffers, records of binary fields, byte-order conversion, Base64.
 //
 // Sizes are in bytes. A buffer's size is exactly what was asked for.
 // Errors: the `try` operations log under "Buffer" and return false; the others
@@ -9,9 +9,13 @@
 #pragma once
 
 #include <vrxutil/export.h>
+#include <vrxutil/text.h>
 
+#include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
+#include <string_view>
 
 /// A growable buffer of arbitrary bytes, copied by value.
 ///
@@ -86,6 +90,106 @@ public:
   operator unsigned char const*() const { return getBytes(); }
 };
 
+/// Reads and writes fields at a cursor that moves over memory of the caller's.
+///
+/// A record is its fields one after the other, without header, padding or lengths:
+/// the reader must know them in advance. Numbers are in the byte order of the
+/// stream, on every host.
+///
+/// A field that does not fit latches an overflow. From then on reads give 0 or
+/// empty values and writes are left out, even of what would fit, while the cursor
+/// goes on, so that it tells in the end how much was missing. Ask once, by
+/// pastEndError(), after all fields. A negative length, as a number beyond the
+/// range of memory, never fits.
+///
+/// Nothing is logged but by pastEndError(), and by conversions of text under
+/// "String". Only std::bad_alloc is thrown, by what takes memory for its result.
+class VRXUTIL_EXPORT ABinaryStream {
+public:
+  /// A stream over nothing; setPointer() gives it a range.
+  explicit ABinaryStream(bool littleEndian) noexcept;
+
+  /// A stream over the `length` bytes from `start`, which must outlive its use.
+  ABinaryStream(unsigned char* start, unsigned long length, bool littleEndian) noexcept;
+
+  /// Starts afresh over the bytes from `start` up to `rangeEnd`.
+  void construct(unsigned char* start, unsigned char* rangeEnd, bool littleEndian) noexcept;
+
+  /// The cursor, which may be beyond the range.
+  unsigned char* getPointer() const noexcept { return cursor; }
+
+  /// A new range; the byte order stays, an overflow is forgotten.
+  void setPointer(unsigned char* start, unsigned long length) noexcept;
+
+  /// Whether `count` bytes from the cursor on do not fit, or anything before did
+  /// not: the overflow is latched then, and the cursor moved by `count`. Otherwise
+  /// the cursor stays.
+  bool pastEndWith(unsigned long count) noexcept;
+
+  /// Whether nothing fits any more.
+  bool atEnd() const noexcept { return addressOf(cursor) >= addressOf(end) || overflow != 0; }
+
+  /// Whether anything did not fit; then logs the internal error "Tried to write
+  /// past buffer end by N" under "BinStrm", also after reading. N is how far the
+  /// cursor stands beyond the end.
+  bool pastEndError() const;
+
+  /// An unsigned number of 4 bytes.
+  unsigned long readLong() noexcept;
+
+  /// An unsigned number of 2 bytes.
+  unsigned short readShort() noexcept;
+
+  /// One byte.
+  char readChar() noexcept;
+
+  /// Narrow text in a field of `length` bytes; it ends at the first NUL in it. It is
+  /// converted from the C locale.
+  void readString(int length, AString& out);
+
+  /// The same, with the bytes as they are.
+  void readString(int length, std::string& out);
+
+  /// The next `length` bytes.
+  void readBuffer(int length, AnObjectBuffer<unsigned char>& out);
+
+  void writeChar(char value) noexcept;
+
+  /// The low 32 bits of `value`.
+  void writeLong(unsigned long value) noexcept;
+
+  void writeShort(unsigned short value) noexcept;
+
+  /// The text in the encoding of the C locale, in a field of `length` bytes: cut at
+  /// its end, perhaps within a character, or filled with NUL.
+  void writeString(unsigned long length, AString const& text);
+
+  /// The text in the encoding of the C locale, without a terminator.
+  void writeString(AString const& text);
+
+  /// The bytes of `block`, at most `maximum` unless that is 0.
+  void writeBuffer(AnObjectBuffer<unsigned char> const& block, unsigned long maximum) noexcept;
+
+private:
+  static std::uintptr_t addressOf(unsigned char const* place) noexcept {
+    return reinterpret_cast<std::uintptr_t>(place);
+  }
+
+  void skip(unsigned long count) noexcept;
+
+  static std::uint32_t join(unsigned high, unsigned b2, unsigned b1, unsigned low) noexcept;
+  template <std::size_t kSize>
+  void put(unsigned char const (&bytes)[kSize]) noexcept;
+  std::string_view nextBytes(int length) noexcept;
+  void writeBytes(void const* bytes, unsigned long count) noexcept;
+
+  unsigned char* cursor;
+  unsigned char* end;
+  std::uint32_t hostIsLittleEndian;  // kept for the layout; the fields do not ask
+  std::uint32_t littleEndian;
+  std::uint32_t overflow;
+};
+
 // Conversion between the host's byte order and a fixed one, little-endian (Le)
 // or big-endian (Be), of values of 4 or 2 bytes. Both functions of a pair do the
 // same; applying either twice gives back the argument.
@@ -98,4 +202,131 @@ VRXUTIL_EXPORT std::uint16_t Host2Le2(std::uint16_t value);
 VRXUTIL_EXPORT std::uint16_t Le2Host2(std::uint16_t value);
 VRXUTIL_EXPORT std::uint16_t Host2Be2(std::uint16_t value);
 VRXUTIL_EXPORT std::uint16_t Be2Host2(std::uint16_t value);
+}
+
+/// Encodes bytes as Base64 (RFC 4648, section 4) piece by piece; returns the number of
+/// characters written to `target`, which is not terminated.
+///
+/// Encoding goes on until `source` is used up or `target` is full; `consumed` gets the
+/// number of bytes used. When the source is used up, the text is ended at once, with
+/// padding, if there is room for all that this takes; else the rest waits in `state`
+/// for the next call. So pieces of a longer text must be multiples of three bytes. A
+/// null `source` only writes what waits. `state` is 0 at the start of a text, else as
+/// the call before left it; null stands for a text of this call alone. `consumed` may
+/// be null.
+///
+/// Of the six bits that may wait in `state`, the call takes back the upper four.
+VRXUTIL_EXPORT unsigned long Base64Encode(void const* source, unsigned long sourceLength,
+                                          char* target, unsigned long targetLength, int* state,
+                                          unsigned long* consumed);
+
+/// Decodes Base64 piece by piece; returns the number of bytes written to `target`.
+///
+/// Decoding goes on until `source` is used up or `target` is full; `consumed` gets the
+/// number of characters used. Characters outside the alphabet are left out, "=" begins
+/// a new text: there are no errors. A `sourceLength` beyond 0x7FFFFFFE stands for the
+/// length up to the NUL. `state` and `consumed` are as for Base64Encode().
+VRXUTIL_EXPORT unsigned long Base64Decode(char const* source, unsigned long sourceLength,
+                                          void* target, unsigned long targetLength, int* state,
+                                          unsigned long* consumed);
+
+/// Base64 of whole buffers. Lack of memory for the work gives an empty result; for
+/// the result itself it is thrown.
+class VRXUTIL_EXPORT ABase64Encode {
+public:
+  ABase64Encode() = delete;
+
+  static AString encode(AnObjectBuffer<unsigned char> const& data);
+  static AString encode(unsigned char const* bytes, unsigned long const& length);
+
+  /// The bytes that `text` stands for; what is not in the alphabet is left out.
+  static AnObjectBuffer<unsigned char> decode(AString const& text);
+};
+
+// The cursor may leave the range, and even come round: addresses are added as
+// numbers, which pointers must not be.
+inline void ABinaryStream::skip(unsigned long count) noexcept {
+  cursor = reinterpret_cast<unsigned char*>(addressOf(cursor) + count);
+}
+
+inline bool ABinaryStream::pastEndWith(unsigned long count) noexcept {
+  std::uintptr_t const next = addressOf(cursor) + count;
+  if (overflow == 0 && next <= addressOf(end) && next >= addressOf(cursor)) return false;
+  overflow = 1;
+  skip(count);
+  return true;
+}
+
+// Numbers are put together and taken apart by shifts, which compilers make one load
+// or store of.
+inline std::uint32_t ABinaryStream::join(unsigned high, unsigned b2, unsigned b1,
+                                         unsigned low) noexcept {
+  return high << 24 | b2 << 16 | b1 << 8 | low;
+}
+
+inline unsigned long ABinaryStream::readLong() noexcept {
+  if (pastEndWith(4)) return 0;
+  unsigned char const* const b = cursor;
+  skip(4);
+  return littleEndian != 0 ? join(b[3], b[2], b[1], b[0]) : join(b[0], b[1], b[2], b[3]);
+}
+
+inline unsigned short ABinaryStream::readShort() noexcept {
+  if (pastEndWith(2)) return 0;
+  unsigned char const* const b = cursor;
+  skip(2);
+  return static_cast<unsigned short>(littleEndian != 0 ? join(0, 0, b[1], b[0])
+                                                       : join(0, 0, b[0], b[1]));
+}
+
+inline char ABinaryStream::readChar() noexcept {
+  if (pastEndWith(1)) return 0;
+  auto const value = static_cast<char>(*cursor);
+  skip(1);
+  return value;
+}
+
+inline void ABinaryStream::writeChar(char value) noexcept {
+  if (pastEndWith(1)) return;
+  *cursor = static_cast<unsigned char>(value);
+  skip(1);
+}
+
+inline void ABinaryStream::writeLong(unsigned long value) noexcept {
+  if (pastEndWith(4)) return;
+  auto const part = [=](int shift) { return static_cast<unsigned char>(value >> shift); };
+  if (littleEndian != 0) {
+    put({part(0), part(8), part(16), part(24)});
+  } else {
+    put({part(24), part(16), part(8), part(0)});
+  }
+}
+
+inline void ABinaryStream::writeShort(unsigned short value) noexcept {
+  if (pastEndWith(2)) return;
+  auto const low = static_cast<unsigned char>(value);
+  auto const high = static_cast<unsigned char>(value >> 8);
+  if (littleEndian != 0) {
+    put({low, high});
+  } else {
+    put({high, low});
+  }
+}
+
+template <std::size_t kSize>
+void ABinaryStream::put(unsigned char const (&bytes)[kSize]) noexcept {
+  std::memcpy(cursor, bytes, kSize);
+  skip(kSize);
+}
+
+inline void ABinaryStream::writeBuffer(AnObjectBuffer<unsigned char> const& block,
+                                       unsigned long maximum) noexcept {
+  unsigned long const size = block.size();
+  writeBytes(block.getBytes(), maximum != 0 && maximum < size ? maximum : size);
+}
+
+inline void ABinaryStream::writeBytes(void const* bytes, unsigned long count) noexcept {
+  if (pastEndWith(count) || count == 0) return;
+  std::memcpy(cursor, bytes, count);
+  skip(count);
 }

@@ -5,6 +5,9 @@ vrxutil_test(platform logger_test)
 vrxutil_test(platform configuration_test)
 vrxutil_test(platform crypto_test)
 vrxutil_test(platform copy_file_test)
+vrxutil_test(platform host_model_test)
+# With the plug-ins of system/tests.cmake.
+vrxutil_test(platform load_library_test)
 vrxutil_test(platform profile_string_test)
 
 # Holds the source of its own, which the library hides.

@@ -1,5 +1,5 @@
-// The runtime layer: copying files, and profile strings (single values of INI
-// files).
+// The runtime layer: dynamic libraries, copying files, profile strings (single values
+// of INI files), and the host's model where the host has no sysctlbyname().
 //
 //   ; a comment           where a line begins so, after blanks
 //   [section]             the name ends at the first "]"
@@ -21,6 +21,31 @@
 #pragma once
 
 #include <zulral/export.h>
+
+#include <cstddef>
+
+#ifdef __APPLE__
+#include <sys/sysctl.h>
+#endif
+
+/// Loads a dynamic library (POSIX dlopen, with RTLD_NOW and RTLD_LOCAL); returns its
+/// handle, or null with `*error` set to a text that is valid until the thread's next
+/// call of this kind.
+///
+/// A name without a slash is looked for where the host keeps libraries. Where ".so" is
+/// the host's ending, a name that ends in ".dylib" and does not exist is tried once
+/// more with that. Where the name has a slash, what is no regular file is refused, and
+/// so is an ELF file that ends before one of its segments does.
+ZULRAL_EXPORT void* zulLoadLibrary(char const* name, char const** error);
+
+/// The address of a symbol of `library`; null with `*error` set, as above, when it has
+/// none. A null `library` has no symbols.
+ZULRAL_EXPORT void* zulGetProcAddress(void* library, char const* symbol, char const** error);
+
+/// Gives a library back, which goes when nobody else has it; non-zero on success.
+/// `library` is null, a failure, or comes from zulLoadLibrary() and was not given back
+/// yet.
+ZULRAL_EXPORT int zulFreeLibrary(void* library);
 
 /// Copies the contents and the permission bits (not the set-id bits) of `source`, a
 /// regular file, to `target`; returns non-zero on success.
@@ -85,3 +110,26 @@ ZULRAL_EXPORT unsigned long ZuDB_GetPrivateProfileStringW(wchar_t const* section
 /// rename(2) say.
 ZULRAL_EXPORT int ZuDB_WritePrivateProfileStringW(wchar_t const* section, wchar_t const* key,
                                                   wchar_t const* value, wchar_t const* fileName);
+
+#ifndef __APPLE__
+
+extern "C" {
+
+/// Answers "hw.model", as the function of this name on BSD and macOS does: the product
+/// name in the firmware's tables, followed by " (notebook)" where the chassis is that
+/// of a portable machine. Copies it, with its NUL, to `value` of `*size` bytes and sets
+/// `*size`; returns 0. A null `value` asks for the size.
+///
+/// -1 with errno: ENOENT for another name, or without such tables (or what open(2) and
+/// read(2) say of them); EPERM with a new value; ENOMEM where `value` is too small: it
+/// gets as much as it has room for, without a NUL.
+ZULRAL_EXPORT int sysctlbyname(char const* name, void* value, std::size_t* size,
+                               void const* newValue, std::size_t newSize);
+}
+
+/// Has the tables read from another folder, with files `product_name` and
+/// `chassis_type` as in /sys/class/dmi/id, which null brings back. The characters must
+/// stay valid. Returns the folder before, null at first.
+ZULRAL_EXPORT char const* zulSetFirmwareFolder(char const* folder);
+
+#endif
