@@ -26,6 +26,10 @@ constexpr wchar_t kStarter[] =
 
   <!-- Keeps an encrypted copy of a file. -->
   <task type="encrypt" enabled="false" path="password.txt" output="password.sealed"/>
+
+  <!-- Has a plug-in, plugins/libline_counter.so, look at a file. -->
+  <task type="plugin" enabled="false" path="service.xml" library="plugins/line_counter"
+        minimum="1.0"/>
 </agent>
 )";
 

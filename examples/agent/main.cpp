@@ -4,7 +4,9 @@
 //   agent CONFIG                 carries out the enabled tasks, keeps what became of
 //                                them in the file, and prints a summary
 //   agent --make-config CONFIG   writes a configuration to begin with
-//   agent --help                 prints these three lines
+//   agent --results              prints the results of the last run, from their binary
+//                                record (results.h), and that record as Base64
+//   agent --help                 prints these lines
 //
 // Then it lists the files of its work folder (work_folder.h), as its settings say
 // (settings.h). What it prints is in the language of the locale (messages.h).
@@ -16,10 +18,12 @@
 
 #include "examples/agent/configuration.h"
 #include "examples/agent/messages.h"
+#include "examples/agent/results.h"
 #include "examples/agent/settings.h"
 #include "examples/agent/tasks.h"
 #include "examples/agent/work_folder.h"
 
+#include <vrxutil/binary.h>
 #include <vrxutil/log.h>
 #include <vrxutil/text.h>
 #include <vrxutil/xml.h>
@@ -39,7 +43,9 @@ namespace {
 using agent::Configuration;
 using agent::Message;
 using agent::Outcome;
+using agent::Results;
 using agent::Settings;
+using agent::TaskResult;
 
 enum ExitStatus { allDone = 0, taskFailed = 1, refused = 2 };
 
@@ -75,6 +81,14 @@ AString row(AString type, AString path, AString before, AString after, AString c
   return {cells};
 }
 
+/// One row of results.
+AString resultRow(AString type, AString path, AString status, AString const& result) {
+  AStringList cells(L" ", /*afterEach=*/false);
+  cells << L" " << type.format(L"-", 9, -1) << path.format(L"-", 14, -1);
+  cells << status.format(L"-", 9, -1) << result;
+  return {cells};
+}
+
 /// What people read for the status that a task has in the configuration.
 AString statusText(AString const& status) {
   constexpr std::pair<wchar_t const*, Message> kTexts[] = {
@@ -86,6 +100,19 @@ AString statusText(AString const& status) {
     if (status.const_cpp_str() == name) return agent::text(message);
   }
   return status;
+}
+
+/// The status as it stands in the configuration.
+wchar_t const* statusName(TaskResult::Status status) {
+  switch (status) {
+    case TaskResult::Status::done:
+      return L"done";
+    case TaskResult::Status::failed:
+      return L"failed";
+    case TaskResult::Status::disabled:
+      break;
+  }
+  return L"disabled";
 }
 
 /// Carries out the enabled tasks and notes in each what became of it.
@@ -102,8 +129,11 @@ public:
                   agent::text(Message::resultColumn));
     AnXmlChildIndex tasks(&root_, L"task");
     while (tasks.moveNext(nullptr, nullptr)) runOne(tasks);
-    root_.setValue(L"last-run", now());
+    results_.time = now();
+    root_.setValue(L"last-run", results_.time);
   }
+
+  Results const& results() const { return results_; }
 
   /// A row for each task, and the totals.
   AString summary() const {
@@ -115,24 +145,29 @@ public:
 private:
   void runOne(AnXmlNode& task) {
     AString const before = valueOr(task, L"status", L"-");
-    AString result;
+    TaskResult result{.status = TaskResult::Status::disabled,
+                      .type = valueOr(task, L"type", L"?"),
+                      .path = valueOr(task, L"path", L"?"),
+                      .text{}};
     if (task.hasValue(/*required=*/false, L"enabled", L"true")) {
       Outcome const outcome = agent::runTask(task, folder_);
       ++(outcome.succeeded ? done_ : failed_);
-      task.setValue(L"status", outcome.succeeded ? L"done" : L"failed");
+      result.status = outcome.succeeded ? TaskResult::Status::done : TaskResult::Status::failed;
+      result.text = outcome.text;
       task.setValue(L"result", outcome.text);
-      result = outcome.text;
     } else {
       ++disabled_;
-      task.setValue(L"status", L"disabled");
     }
-    table_ << row(valueOr(task, L"type", L"?"), valueOr(task, L"path", L"?"), statusText(before),
-                  statusText(valueOr(task, L"status", L"?")), result);
+    task.setValue(L"status", statusName(result.status));
+    table_ << row(result.type, result.path, statusText(before),
+                  statusText(statusName(result.status)), result.text);
+    results_.tasks.push_back(result);
   }
 
   AnXmlNode root_;
   AString folder_;
   AStringList table_{L"\n", /*afterEach=*/true};
+  Results results_;
   int done_ = 0;
   int failed_ = 0;
   int disabled_ = 0;
@@ -167,6 +202,9 @@ ExitStatus runAgent(AString const& fileName) {
   bool const saved = configuration.save();
   print(stdout, pass.summary());
   if (!saved) status = complain(Message::cannotWrite, fileName, taskFailed);
+  if (!agent::saveResults(pass.results())) {
+    status = complain(Message::cannotWrite, agent::resultsFileName(), taskFailed);
+  }
   if (!runWorkFolder(settings)) status = taskFailed;
   if (!settings.save()) status = complain(Message::cannotWrite, settings.fileName(), taskFailed);
   return status;
@@ -180,6 +218,20 @@ ExitStatus makeConfiguration(AString const& fileName) {
   return complain(Message::cannotWrite, fileName, refused);
 }
 
+ExitStatus showResults() {
+  Results results;
+  AnObjectBuffer<unsigned char> bytes(0, nullptr);
+  if (!agent::loadResults(&results, &bytes)) {
+    return complain(Message::resultsRefused, agent::resultsFileName(), refused);
+  }
+  print(stdout, agent::text(Message::resultsOf) << results.time);
+  for (TaskResult const& task : results.tasks) {
+    print(stdout, resultRow(task.type, task.path, statusText(statusName(task.status)), task.text));
+  }
+  print(stdout, agent::text(Message::base64) << ABase64Encode::encode(bytes));
+  return allDone;
+}
+
 int run(int argumentCount, char** arguments) {
   ADetailTrace const trace(kGroup, L"run");
   agent::openMessages();
@@ -187,6 +239,7 @@ int run(int argumentCount, char** arguments) {
   if (argumentCount == 3 && first == "--make-config") {
     return makeConfiguration(AString(arguments[2]));
   }
+  if (argumentCount == 2 && first == "--results") return showResults();
   if (argumentCount == 2 && first == "--help") {
     print(stdout, agent::text(Message::usage));
     return allDone;

@@ -12,6 +12,7 @@ constexpr wchar_t const* builtIn(Message message) {
     case Message::usage:
       return L"usage: agent CONFIG\n"
              L"       agent --make-config CONFIG\n"
+             L"       agent --results\n"
              L"       agent --help";
     case Message::configurationRefused:
       return L"agent: configuration refused: %1 (see the log)";
@@ -93,6 +94,20 @@ constexpr wchar_t const* builtIn(Message message) {
       return L"Work folder: %1 files, %2 before, listed in %3";
     case Message::workFolderFailed:
       return L"Work folder: it cannot be listed (see the log)";
+    case Message::plugInUnusable:
+      return L"the plug-in cannot be used";
+    case Message::plugInTooOld:
+      return L"the plug-in has version %1, wanted is %2";
+    case Message::plugInFailed:
+      return L"the plug-in has failed";
+    case Message::plugInDone:
+      return L"%1 (plug-in %2)";
+    case Message::resultsRefused:
+      return L"agent: results refused: %1 (see the log)";
+    case Message::resultsOf:
+      return L"Results of %1";
+    case Message::base64:
+      return L"Base64: %1";
   }
   return L"";
 }

@@ -53,7 +53,17 @@ enum class Message : int {
   copiedWithList,  // the same; %3: list
   workFolder,      // %1: files; %2: files at the run before; %3: list
   workFolderFailed,
+  plugInUnusable,
+  plugInTooOld,  // %1: its version; %2: the least that will do
+  plugInFailed,
+  plugInDone,      // %1: what it has found; %2: its version
+  resultsRefused,  // %1: file
+  resultsOf,       // %1: time
+  base64,          // %1: Base64
 };
+
+/// How many there are.
+constexpr int kMessageCount = static_cast<int>(Message::base64);
 
 /// Opens the catalogue, unless the locale has no language (C, POSIX). Where there
 /// is none the log says so, and the built-in texts serve. Call it once, after

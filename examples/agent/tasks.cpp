@@ -2,6 +2,7 @@
 
 #include "examples/agent/checksum.h"
 #include "examples/agent/messages.h"
+#include "examples/agent/plug_in_task.h"
 #include "examples/agent/whole_file.h"
 
 #include <vrxutil/binary.h>
@@ -200,16 +201,30 @@ Outcome encrypt(AnXmlNode& task, AString const& folder) {
   return done(text(Message::sealed) << AString(plain.size()) << AString(sealed.size()));
 }
 
+Outcome plugIn(AnXmlNode& task, AString const& folder) {
+  AString path;
+  AString library;
+  if (!getPath(task, L"path", folder, &path) || !getPath(task, L"library", folder, &library)) {
+    return failed(text(Message::taskIncomplete));
+  }
+  AString minimum;
+  task.tryGetValue(L"minimum", &minimum);
+  Outcome outcome{};
+  outcome.succeeded = runPlugIn(library, minimum, path, &outcome.text);
+  return outcome;
+}
+
 struct TaskType {
   wchar_t const* name;
   Outcome (*run)(AnXmlNode& task, AString const& folder);
 };
 
-constexpr std::array<TaskType, 4> kTaskTypes{{
+constexpr std::array<TaskType, 5> kTaskTypes{{
     {L"checksum", checksum},
     {L"collect", collect},
     {L"set", set},
     {L"encrypt", encrypt},
+    {L"plugin", plugIn},
 }};
 
 }  // namespace

@@ -9,6 +9,10 @@
 //   set       path element values           sets attributes, "NAME=VALUE, ...", in an
 //                                           XML file, which is written plain
 //   encrypt   path output                   writes an encrypted copy
+//   plugin    path library [minimum]        has a plug-in (plug_in.h) look at a file;
+//                                           library="plugins/foo" is the file
+//                                           plugins/libfoo.so, minimum="1.2" the least
+//                                           version that will do
 //
 // `element` is a path from the root, "software/package"; each step but the last
 // of collect takes the first child of that name. The empty path is the root

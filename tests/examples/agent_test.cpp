@@ -1,9 +1,11 @@
 // The sample agent as its user sees it: arguments, files, what it prints, its exit
 // status and its log. script/demo has the usual course of things; this has the rest.
 
+#include "examples/agent/checksum.h"
 #include "examples/agent/messages.h"
 #include "tests/support/temporary_folder.h"
 
+#include <vrxutil/binary.h>
 #include <vrxutil/text.h>
 
 #include <gtest/gtest.h>
@@ -15,6 +17,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <sys/stat.h>
@@ -33,6 +36,7 @@ using Lines = std::vector<std::string>;
 constexpr char kUsage[] =
     "usage: agent CONFIG\n"
     "       agent --make-config CONFIG\n"
+    "       agent --results\n"
     "       agent --help\n";
 constexpr char kHeading[] = "  task      file           before    now       result\n";
 
@@ -127,6 +131,7 @@ INSTANTIATE_TEST_SUITE_P(Wrong, AgentArgumentsTest,
                          testing::Values(WrongArguments{"None", ""}, WrongArguments{"Empty", "''"},
                                          WrongArguments{"UnknownOption", "--verbose"},
                                          WrongArguments{"OptionWithoutFile", "--make-config"},
+                                         WrongArguments{"ResultsOfAFile", "--results a.xml"},
                                          WrongArguments{"TwoFiles", "a.xml b.xml"},
                                          WrongArguments{"TooMany", "--make-config a.xml b.xml"}),
                          testing::PrintToStringParamName());
@@ -280,6 +285,10 @@ INSTANTIATE_TEST_SUITE_P(
                     "type='set' path='host.xml' element='package' values='a b=c'", "set",
                     "host.xml", "the file cannot be written",
                     "[Xml]   Exception writing file: \"a b\" is no XML name"},
+        FailingTask{"PlugInWithoutLibrary", "type='plugin' path='host.xml'", "plugin", "host.xml",
+                    kIncomplete, "[XmlNode]   getValue: required attribute not found: library"},
+        FailingTask{"PlugInWithoutFile", "type='plugin' library='x'", "plugin", "?", kIncomplete,
+                    "[XmlNode]   getValue: required attribute not found: path"},
         FailingTask{"EncryptWithoutOutput", "type='encrypt' path='host.xml'", "encrypt", "host.xml",
                     kIncomplete, "[XmlNode]   getValue: required attribute not found: output"},
         FailingTask{"EncryptIntoMissingFolder", "type='encrypt' path='host.xml' output='no/copy'",
@@ -458,6 +467,291 @@ TEST_F(AgentTest, TooLargeFileIsNotRead) {
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(lastError(), "error [Agent]   File too large");
 }
+
+/// A task that has the plug-in of this path look at `nine`, a file of two lines.
+std::string plugInTask(std::string const& library, std::string const& more = "") {
+  return "<task type='plugin' enabled='true' path='nine' library='" + library + "' " + more + "/>";
+}
+
+/// What the agent prints of it.
+std::string plugInSummary(char const* status, std::string const& text) {
+  bool const done = std::string(status) == "done";
+  return firstSummary("  plugin    nine           -         " + padded(status, 9) + text,
+                      done ? "1 done, 0 failed, 0 disabled" : "0 done, 1 failed, 0 disabled");
+}
+
+class AgentPlugInTest : public AgentTest {
+protected:
+  AgentPlugInTest() { makeFile(folder / "nine", "1234\n6789"); }
+};
+
+TEST_F(AgentPlugInTest, IsLoadedByItsPlainNameAndAsked) {
+  Result const result = runTasks(plugInTask(AGENT_PLUG_INS "/line_counter"));
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.output, plugInSummary("done", "lines: 2 (plug-in 1.2.0.0)"));
+  EXPECT_EQ(log(), Lines{"info [Log] Exit program"});
+}
+
+TEST_F(AgentPlugInTest, RelativePathStartsAtTheFolderOfTheConfiguration) {
+  fs::create_directory(folder / "plugins");
+  for (auto const& file : fs::directory_iterator(AGENT_PLUG_INS)) {
+    fs::copy(file, folder / "plugins");
+  }
+  Result const result = runTasks(plugInTask("plugins/line_counter"));
+  EXPECT_EQ(result.output, plugInSummary("done", "lines: 2 (plug-in 1.2.0.0)"));
+}
+
+TEST_F(AgentPlugInTest, LineWithoutAnEndCounts) {
+  std::string const task = plugInTask(AGENT_PLUG_INS "/line_counter");
+  for (auto const& [contents, lines] :
+       {std::pair{"", "0"}, {"\n", "1"}, {"a", "1"}, {"a\n", "1"}, {"a\n\nb", "3"}}) {
+    makeFile(folder / "nine", contents);
+    EXPECT_EQ(runTasks(task).output,
+              plugInSummary("done", std::string("lines: ") + lines + " (plug-in 1.2.0.0)"));
+  }
+}
+
+struct LeastVersion {
+  char const* name;
+  char const* minimum;
+  char const* refusal;
+};
+
+void PrintTo(LeastVersion const& row, std::ostream* out) { *out << row.name; }
+
+class AgentPlugInVersionTest : public AgentPlugInTest,
+                               public testing::WithParamInterface<LeastVersion> {};
+
+TEST_P(AgentPlugInVersionTest, DecidesWhetherThePlugInIsAcceptable) {
+  auto const& [name, minimum, refusal] = GetParam();
+  Result const result = runTasks(
+      plugInTask(AGENT_PLUG_INS "/line_counter", std::string("minimum='") + minimum + "'"));
+  bool const accepted = *refusal == '\0';
+  EXPECT_EQ(result.status, accepted ? 0 : 1);
+  EXPECT_EQ(result.output, accepted ? plugInSummary("done", "lines: 2 (plug-in 1.2.0.0)")
+                                    : plugInSummary("failed", refusal));
+  EXPECT_EQ(lastError(), accepted ? "" : std::string("error [Agent]   ") + refusal);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Least, AgentPlugInVersionTest,
+    testing::Values(LeastVersion{"Lower", "1.1.65535", ""}, LeastVersion{"TheSame", "1.2", ""},
+                    LeastVersion{"NoNumber", "any", ""},
+                    LeastVersion{"HigherByTheLastPart", "1.2.0.1",
+                                 "the plug-in has version 1.2.0.0, wanted is 1.2.0.1"},
+                    LeastVersion{"HigherAsANumber", "1.10",
+                                 "the plug-in has version 1.2.0.0, wanted is 1.10.0.0"}),
+    testing::PrintToStringParamName());
+
+constexpr char kUnusable[] = "the plug-in cannot be used";
+
+TEST_F(AgentPlugInTest, MissingLibraryIsReported) {
+  Result const result = runTasks(plugInTask("no/plug_in"));
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.output, plugInSummary("failed", kUnusable));
+  EXPECT_NE(lastError().find("[Library]   no/libplug_in."), std::string::npos) << lastError();
+  EXPECT_NE(lastError().find("No such file or directory"), std::string::npos) << lastError();
+}
+
+TEST_F(AgentPlugInTest, FileThatIsNoLibraryIsReported) {
+  makeFile(folder / "libtext.dylib", "text");
+  Result const result = runTasks(plugInTask("./text"));
+  EXPECT_EQ(result.output, plugInSummary("failed", kUnusable));
+  EXPECT_EQ(lastError().rfind("error [Library]   ", 0), 0U) << lastError();
+}
+
+TEST_F(AgentPlugInTest, LibraryWithoutTheFunctionIsReported) {
+  Result const result = runTasks(plugInTask(AGENT_BAD_PLUG_INS "/no_plug_in"));
+  EXPECT_EQ(result.output, plugInSummary("failed", kUnusable));
+  EXPECT_NE(lastError().find("agentPlugInExamine"), std::string::npos) << lastError();
+}
+
+TEST_F(AgentPlugInTest, ItsFailureIsReported) {
+  makeFile(folder / "nine", "");
+  Result const result = runTasks(plugInTask(AGENT_BAD_PLUG_INS "/unruly_plug_in"));
+  EXPECT_EQ(result.output, plugInSummary("failed", "the plug-in has failed"));
+  EXPECT_EQ(lastError(), "error [Agent]   the plug-in has failed");
+}
+
+TEST_F(AgentPlugInTest, TextWithoutAnEndIsEnded) {
+  Result const result = runTasks(plugInTask(AGENT_BAD_PLUG_INS "/unruly_plug_in"));
+  EXPECT_EQ(result.output, plugInSummary("done", std::string(199, 'x') + " (plug-in 0.9.0.0)"));
+}
+
+TEST_F(AgentPlugInTest, FileThatCannotBeReadIsReported) {
+  fs::remove(folder / "nine");
+  Result const result = runTasks(plugInTask(AGENT_PLUG_INS "/line_counter"));
+  EXPECT_EQ(result.output, plugInSummary("failed", kNoFile));
+}
+
+// --- The binary record of the results ----------------------------------------
+
+constexpr char kTime[] = "2026-11-21T05:00:00Z";
+
+std::string bigEndian(unsigned long value, unsigned bytes) {
+  std::string text;
+  while (bytes-- > 0) text += static_cast<char>(value >> (8 * bytes));
+  return text;
+}
+
+std::string counted(std::string const& text) { return bigEndian(text.size(), 2) + text; }
+
+std::string withChecksum(std::string const& record) {
+  return record + bigEndian(agent::crc32(ABuffer(record)), 4);
+}
+
+/// The head of a record of `count` tasks.
+std::string recordHead(unsigned long count) {
+  return std::string("VRXR") + bigEndian(1, 2) + kTime + bigEndian(count, 4);
+}
+
+/// Two tasks, without the checksum.
+std::string sampleRecord() {
+  return recordHead(2) + "d" + counted("set") + counted("a.xml") + counted("\xC3\xA4") + "-" +
+         counted("") + counted("b") + counted("");
+}
+
+class AgentResultsTest : public AgentTest {
+protected:
+  std::string file() const { return data / "results.bin"; }
+
+  /// Reads a record back.
+  Result show(std::string const& record, std::string const& before = "") {
+    makeFile(file(), record);
+    return run("--results", before);
+  }
+};
+
+TEST_F(AgentResultsTest, AreWrittenAfterEachRun) {
+  makeFile(folder / "nine", "123456789");
+  runTasks(
+      "<task type='checksum' enabled='true' path='nine'/><task type='dance' enabled='true'/>"
+      "<task type='set' path='\xC3\xA4'/>",
+      "export LC_ALL=C.UTF-8");
+  std::string record = fileBytes(file());
+  ASSERT_GT(record.size(), 26U);
+  std::string const time = record.substr(6, 20);
+  EXPECT_EQ(time[10], 'T');
+  EXPECT_EQ(time[19], 'Z');
+  record.replace(6, 20, kTime);
+  record.resize(record.size() - 4);
+  EXPECT_EQ(record, recordHead(3) + "d" + counted("checksum") + counted("nine") +
+                        counted("crc32 cbf43926, 9 bytes, seen for the first time") + "f" +
+                        counted("dance") + counted("?") + counted("unknown type of task: dance") +
+                        "-" + counted("set") + counted("\xC3\xA4") + counted(""));
+  EXPECT_EQ(run("--results").status, 0);
+}
+
+TEST_F(AgentResultsTest, AreReadBackWithTheirBase64) {
+  Result const result = show(
+      withChecksum(recordHead(1) + "d" + counted("set") + counted("a.xml") + counted("set b=c")));
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.output,
+            "Results of 2026-11-21T05:00:00Z\n"
+            "  set       a.xml          done      set b=c\n"
+            "Base64: VlJYUgABMjAyNi0xMS0yMVQwNTowMDowMFoAAAABZAADc2V0AAVhLnhtbAAHc2V0IGI9Yxe"
+            "CReY=\n");
+  EXPECT_EQ(result.errors, "");
+}
+
+TEST_F(AgentResultsTest, StatusIsInWords) {
+  Result const result = show(withChecksum(sampleRecord()), "export LC_ALL=C.UTF-8");
+  EXPECT_NE(result.output.find("\n  set       a.xml          done      \xC3\xA4\n"
+                               "            b              disabled  \nBase64: "),
+            std::string::npos)
+      << result.output;
+}
+
+TEST_F(AgentResultsTest, LongTextsAreCutToAThousandCharacters) {
+  std::string path;
+  for (int i = 0; i < 1001; ++i) path += "\xE2\x82\xAC";
+  runTasks("<task type='set' path='" + path + "'/>");
+  std::string const record = fileBytes(file());
+  path.resize(3000);
+  EXPECT_EQ(record.substr(0, record.size() - 4).substr(30),
+            "-" + counted("set") + counted(path) + counted(""));
+}
+
+TEST_F(AgentResultsTest, MissingFileIsRefused) {
+  Result const result = run("--results");
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.output, "");
+  EXPECT_EQ(result.errors, "agent: results refused: " + file() + " (see the log)\n");
+  EXPECT_EQ(lastError(), "error [Agent]   No such file or directory");
+}
+
+TEST_F(AgentResultsTest, FileThatCannotBeWrittenIsReported) {
+  fs::create_directory(file());
+  Result const result = runTasks("");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.errors, "agent: cannot write " + file() + " (see the log)\n");
+  EXPECT_EQ(lastError(), "error [Agent]   not a regular file");
+}
+
+TEST_F(AgentResultsTest, AnyChangedByteIsNoticed) {
+  std::string const record = withChecksum(sampleRecord());
+  for (std::size_t i = 0; i < record.size(); ++i) {
+    std::string changed = record;
+    changed[i] = static_cast<char>(changed[i] ^ 1);
+    EXPECT_EQ(show(changed).status, 2) << i;
+  }
+}
+
+TEST_F(AgentResultsTest, AnyCutIsNoticed) {
+  std::string const record = withChecksum(sampleRecord());
+  for (std::size_t size = 0; size < record.size(); ++size) {
+    EXPECT_EQ(show(record.substr(0, size)).status, 2) << size;
+  }
+}
+
+struct RefusedRecord {
+  char const* name;
+  std::string record;
+  char const* error;
+};
+
+void PrintTo(RefusedRecord const& row, std::ostream* out) { *out << row.name; }
+
+class AgentRefusedResultsTest : public AgentResultsTest,
+                                public testing::WithParamInterface<RefusedRecord> {};
+
+// Whoever made them knew how to make the checksum.
+TEST_P(AgentRefusedResultsTest, AreLoggedWithTheReason) {
+  Result const result = show(withChecksum(GetParam().record));
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.output, "");
+  EXPECT_EQ(lastError(), std::string("error ") + GetParam().error);
+}
+
+std::string replaced(std::size_t at, std::string const& bytes) {
+  std::string record = sampleRecord();
+  return record.replace(at, bytes.size(), bytes);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Refused, AgentRefusedResultsTest,
+    testing::Values(
+        RefusedRecord{"Nothing", "", "[Agent]   no record of results: too short"},
+        RefusedRecord{"HalfAHead", recordHead(0).substr(0, 29),
+                      "[Agent]   no record of results: too short"},
+        RefusedRecord{"AnotherMark", replaced(0, "VRXQ"),
+                      "[Agent]   no record of results: another kind of file"},
+        RefusedRecord{"AnotherVersion", replaced(4, bigEndian(2, 2)),
+                      "[Agent]   no record of results: another version of the format"},
+        RefusedRecord{"TooManyTasks", replaced(26, bigEndian(3, 4)),
+                      "[Agent]   no record of results: a task has no status"},
+        RefusedRecord{"FarTooManyTasks", replaced(26, bigEndian(0xFFFFFFFF, 4)),
+                      "[Agent]   no record of results: a task has no status"},
+        RefusedRecord{"TooFewTasks", replaced(26, bigEndian(1, 4)),
+                      "[Agent]   no record of results: something follows"},
+        RefusedRecord{"UnknownStatus", replaced(30, "x"),
+                      "[Agent]   no record of results: a task has no status"},
+        RefusedRecord{"TextBeyondTheEnd",
+                      recordHead(1) + "d" + counted("") + counted("") + bigEndian(7, 2) + "123456",
+                      "[BinStrm] internal error: Tried to write past buffer end by 1"},
+        RefusedRecord{"NoUtf8", recordHead(1) + "d" + counted("\xFF") + counted("") + counted(""),
+                      "[Xml]   invalid UTF-8 at byte offset 0, line 1, column 1"}),
+    testing::PrintToStringParamName());
 
 /// The agent with nothing to do but to list its work folder.
 class AgentWorkFolderTest : public AgentTest {
@@ -668,7 +962,7 @@ TEST(AgentMessagesTest, CataloguesHaveThePlaceholdersOfTheBuiltInTexts) {
     AResourceFile catalogue;
     std::string const path = AGENT_CATALOGUES "/" + language + ".UTF-8/agent.cat";
     ASSERT_TRUE(catalogue.openExisting(AString(path.c_str()), 0));
-    for (int id = 1; id <= static_cast<int>(agent::Message::workFolderFailed); ++id) {
+    for (int id = 1; id <= agent::kMessageCount; ++id) {
       ASSERT_EQ(ALocalizedString::DefaultResourceFile, nullptr);
       AString const builtIn = agent::text(static_cast<agent::Message>(id));
       AString const translated = ALocalizedString(id, &catalogue);

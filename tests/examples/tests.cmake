@@ -1,12 +1,26 @@
 # The sample agent: what script/demo shows, and what it leaves out.
 if(TARGET agent)
   vrxutil_test(examples agent_test)
-  target_sources(examples_agent_test PRIVATE "${PROJECT_SOURCE_DIR}/examples/agent/messages.cpp")
+  target_sources(examples_agent_test PRIVATE
+    "${PROJECT_SOURCE_DIR}/examples/agent/checksum.cpp"
+    "${PROJECT_SOURCE_DIR}/examples/agent/messages.cpp")
   target_compile_definitions(examples_agent_test PRIVATE
     AGENT_PROGRAM="$<TARGET_FILE:agent>"
     AGENT_CATALOGUES="$<TARGET_FILE_DIR:agent>/catalogues"
-    AGENT_LOCALES="${VRXUTIL_LOCALES}")
-  add_dependencies(examples_agent_test agent)
+    AGENT_LOCALES="${VRXUTIL_LOCALES}"
+    AGENT_PLUG_INS="$<TARGET_FILE_DIR:line_counter>"
+    AGENT_BAD_PLUG_INS="$<TARGET_FILE_DIR:unruly_plug_in>")
+  add_dependencies(examples_agent_test agent unruly_plug_in no_plug_in)
+
+  # Libraries that the agent must get along with, in the folder `plug_ins`.
+  foreach(name unruly_plug_in no_plug_in)
+    add_library(${name} MODULE examples/${name}.cpp)
+    vrxutil_target_settings(${name})
+    target_include_directories(${name} PRIVATE "${PROJECT_SOURCE_DIR}/include")
+    set_target_properties(${name} PROPERTIES
+      LIBRARY_OUTPUT_DIRECTORY "${CMAKE_CURRENT_BINARY_DIR}/plug_ins"
+      SUFFIX "${CMAKE_SHARED_LIBRARY_SUFFIX}")
+  endforeach()
 
   add_test(NAME examples/demo
     COMMAND "${PROJECT_SOURCE_DIR}/script/demo" "$<TARGET_FILE:agent>")
