@@ -1,14 +1,14 @@
-// How much a benchmark takes from the free store. A program that links this has
-// an operator new that counts.
+// How much a benchmark takes from the free store.
 
 #pragma once
+
+#include "tests/support/block_count.h"
 
 #include <benchmark/benchmark.h>
 
 namespace vrxutil::bench {
 
-/// Number of blocks that this thread has taken with new since its start.
-long blocksTaken() noexcept;
+using test::blocksTaken;
 
 /// Reports the blocks that are taken during its life as the counter "allocs" of
 /// a benchmark, on average of an iteration.

@@ -2,9 +2,9 @@
 // operator new of this program's own: neither grows by the byte.
 
 #include "tests/support/block_count.h"
+#include "tests/support/own_logger.h"
 #include "tests/support/temporary_folder.h"
 
-#include <vrxcomn/logger.h>
 #include <vrxutil/file.h>
 
 #include <gtest/gtest.h>
@@ -15,37 +15,18 @@
 namespace vrxutil::test {
 namespace {
 
-using vornix_com::oxa::logger::LogLevel;
-
 constexpr std::size_t kLong = 10 << 20;
 
 /// Counts records and keeps none.
-class CountingLogger final : public vornix_com::oxa::logger::ILogger {
+class CountingLogger final : public OwnLogger {
 public:
-  CountingLogger() : before_(SetLogger(this)) {}
-
-  ~CountingLogger() override { SetLogger(before_); }
-
-  CountingLogger(CountingLogger const&) = delete;
-  CountingLogger& operator=(CountingLogger const&) = delete;
-
-  void start() override {}
-
-  void attach(std::wstring const&) override {}
-
-  void setMinLogLevel(LogLevel const&) override {}
-
-  bool isDetailLoggingEnabled() override { return false; }
-
-  void logMessage(LogLevel const& level, std::wstring const&, std::wstring const&) override {
+  void logMessage(LogLevel const& level, std::wstring const& /*group*/,
+                  std::wstring const& /*message*/) override {
     ++(level == LogLevel::error ? errors : others);
   }
 
   long errors = 0;
   long others = 0;
-
-private:
-  ILogger* before_;
 };
 
 /// What one readLine() has taken.

@@ -1,4 +1,5 @@
-// What the tests of files and folders share: the records that operations leave.
+// What the tests of files and folders share: the records that operations leave, and
+// scenarios in processes of their own.
 
 #pragma once
 
@@ -11,12 +12,13 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include <sys/wait.h>
+#include <unistd.h>
 
 #ifdef __linux__
 #include <sys/mount.h>
@@ -24,7 +26,10 @@
 
 namespace vrxutil::test {
 
-using Records = std::vector<LogRecord>;
+/// Whether T has neither virtual functions nor copies.
+template <class T>
+inline constexpr bool kIsPlainAndUnique =
+    !std::is_polymorphic_v<T> && !std::is_copy_constructible_v<T> && !std::is_copy_assignable_v<T>;
 
 /// What strerror says of an error, as the log has it.
 inline std::wstring reason(int number) { return AString(std::strerror(number)).const_cpp_str(); }
@@ -67,13 +72,38 @@ Records recordsOf(Operation operation) {
   return log.records();
 }
 
-/// Runs `scenario` in a child without root's rights; whether its checks held.
+/// Runs `scenario` in a child; whether its checks held.
 template <class Scenario>
-bool holdsUnprivileged(Scenario scenario) {
-  return runInChild([&] {
-           becomeOtherUser();
-           if (!testing::Test::HasFatalFailure()) scenario();
-         }).status == 0;
+testing::AssertionResult holdsInChild(Scenario scenario) {
+  ChildResult const child = runInChild(scenario);
+  if (child.status == 0) return testing::AssertionSuccess();
+  return testing::AssertionFailure() << "status " << child.status << ": " << child.standardError;
+}
+
+/// The same without root's rights.
+template <class Scenario>
+testing::AssertionResult holdsUnprivileged(Scenario scenario) {
+  return holdsInChild([&] {
+    becomeOtherUser();
+    if (!testing::Test::HasFatalFailure()) scenario();
+  });
+}
+
+/// Exit status of a child whose scenario the host does not allow.
+inline constexpr int kNotAllowed = 77;
+
+/// Ends a child at once, for expectAllowedInChild() to skip the test.
+[[noreturn]] inline void leaveAsNotAllowed() { ::_exit(kNotAllowed); }
+
+/// Runs `scenario` in a child. Its checks count as this test's, which is skipped for
+/// the reason `whyNot` where the child has called leaveAsNotAllowed().
+template <class Scenario>
+void expectAllowedInChild(char const* whyNot, Scenario scenario) {
+  ChildResult const child = runInChild(scenario);
+  if (WIFEXITED(child.status) && WEXITSTATUS(child.status) == kNotAllowed) {
+    GTEST_SKIP() << whyNot;
+  }
+  EXPECT_EQ(child.status, 0) << child.standardError;
 }
 
 #ifdef __linux__
@@ -85,19 +115,15 @@ bool holdsUnprivileged(Scenario scenario) {
 template <class Prepare, class Scenario>
 void expectOnMount(std::string const& folder, unsigned long flags, Prepare prepare,
                    Scenario scenario) {
-  constexpr int kNotAllowed = 77;
   char const* const path = folder.c_str();
-  int const status =
-      runInChild([&] {
-        if (!enterMountNamespace() || ::mount("tmpfs", path, "tmpfs", 0, "size=65536") != 0) {
-          std::exit(kNotAllowed);
-        }
-        prepare();
-        ASSERT_EQ(::mount(nullptr, path, nullptr, MS_REMOUNT | flags, "size=65536"), 0);
-        scenario();
-      }).status;
-  if (WIFEXITED(status) && WEXITSTATUS(status) == kNotAllowed) GTEST_SKIP() << kNoMounts;
-  EXPECT_EQ(status, 0);
+  expectAllowedInChild(kNoMounts, [&] {
+    if (!enterMountNamespace() || ::mount("tmpfs", path, "tmpfs", 0, "size=65536") != 0) {
+      leaveAsNotAllowed();
+    }
+    prepare();
+    ASSERT_EQ(::mount(nullptr, path, nullptr, MS_REMOUNT | flags, "size=65536"), 0);
+    scenario();
+  });
 }
 
 #endif

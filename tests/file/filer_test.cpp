@@ -1,5 +1,6 @@
 #include "tests/file/file_support.h"
 #include "tests/support/locale_scope.h"
+#include "tests/support/own_logger.h"
 #include "tests/support/private_mounts.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/support/umask_scope.h"
@@ -77,30 +78,23 @@ public:
   bool comesBack = false;
 };
 
-/// Runs in a child, where no path is kept yet; whether the checks held.
-template <class Scenario>
-testing::AssertionResult holdsAfresh(Scenario scenario) {
-  ChildResult const result = runInChild(scenario);
-  if (result.status == 0) return testing::AssertionSuccess();
-  return testing::AssertionFailure() << "status " << result.status << ": " << result.standardError;
-}
-
 struct KnownFolder {
   char const* label;
   wchar_t const* (*path)();
-  wchar_t const* framework;
   wchar_t const* expected;
-  int asked;
-  int askedForUpdater;
+  wchar_t const* framework = L"/framework";
+  int asked = 1;
+  int askedForUpdater = 0;
 };
 
 void PrintTo(KnownFolder const& row, std::ostream* out) { *out << row.label; }
 
+// In a child, where no path is kept yet.
 class AFilerKnownFolderTest : public testing::TestWithParam<KnownFolder> {};
 
 TEST_P(AFilerKnownFolderTest, IsAskedForOnce) {
   KnownFolder const& row = GetParam();
-  EXPECT_TRUE(holdsAfresh([&] {
+  EXPECT_TRUE(holdsInChild([&] {
     FakeConfiguration configuration(row.framework, L"/updater");
     LogRecorder const log;
     wchar_t const* const path = row.path();
@@ -115,20 +109,18 @@ TEST_P(AFilerKnownFolderTest, IsAskedForOnce) {
   }));
 }
 
-INSTANTIATE_TEST_SUITE_P(Folders, AFilerKnownFolderTest,
-                         testing::Values(KnownFolder{"Framework", &AFiler::getOxaDataPath,
-                                                     L"/framework", L"/framework", 1, 0},
-                                         KnownFolder{"Updater", &AFiler::getUpdaterDataPath,
-                                                     L"/framework", L"/updater", 0, 1},
-                                         KnownFolder{"Alternate", &AFiler::getAlternateDataPath,
-                                                     L"/framework", L"/framework/etc", 1, 0},
-                                         KnownFolder{"AlternateAfterSeparator",
-                                                     &AFiler::getAlternateDataPath, L"/framework/",
-                                                     L"/framework/etc", 1, 0}),
-                         [](auto const& test) { return std::string(test.param.label); });
+INSTANTIATE_TEST_SUITE_P(
+    Folders, AFilerKnownFolderTest,
+    testing::Values(KnownFolder{"Framework", &AFiler::getOxaDataPath, L"/framework"},
+                    KnownFolder{"Updater", &AFiler::getUpdaterDataPath, L"/updater", L"/framework",
+                                /*asked=*/0, /*askedForUpdater=*/1},
+                    KnownFolder{"Alternate", &AFiler::getAlternateDataPath, L"/framework/etc"},
+                    KnownFolder{"AlternateAfterSeparator", &AFiler::getAlternateDataPath,
+                                L"/framework/etc", L"/framework/"}),
+    [](auto const& test) { return std::string(test.param.label); });
 
 TEST(AFilerPathTest, EmptyAnswersAreAskedForAgain) {
-  EXPECT_TRUE(holdsAfresh([] {
+  EXPECT_TRUE(holdsInChild([] {
     FakeConfiguration configuration(L"");
     EXPECT_STREQ(AFiler::getOxaDataPath(), L"");
     EXPECT_STREQ(AFiler::getUpdaterDataPath(), L"");
@@ -142,7 +134,7 @@ TEST(AFilerPathTest, EmptyAnswersAreAskedForAgain) {
 }
 
 TEST(AFilerPathTest, ThreadsGetTheSamePath) {
-  EXPECT_TRUE(holdsAfresh([] {
+  EXPECT_TRUE(holdsInChild([] {
     FakeConfiguration const configuration(L"/framework");
     std::vector<wchar_t const*> paths(8);
     std::vector<std::thread> threads;
@@ -156,7 +148,7 @@ TEST(AFilerPathTest, ThreadsGetTheSamePath) {
 }
 
 TEST(AFilerPathTest, ConfigurationMayAskForAPathItself) {
-  EXPECT_TRUE(holdsAfresh([] {
+  EXPECT_TRUE(holdsInChild([] {
     FakeConfiguration configuration(L"/framework", L"/updater");
     configuration.comesBack = true;
     EXPECT_STREQ(AFiler::getOxaDataPath(), L"/framework");
@@ -164,7 +156,7 @@ TEST(AFilerPathTest, ConfigurationMayAskForAPathItself) {
 }
 
 TEST(AFilerTest, TemporaryPathIsFreeAndNotTaken) {
-  EXPECT_TRUE(holdsAfresh([] {
+  EXPECT_TRUE(holdsInChild([] {
     ::unsetenv("TMPDIR");
     AString path(L"old");
     EXPECT_EQ(recordsOf([&] { EXPECT_TRUE(AFiler::getTempFilePath(path)); }), called(L"tempnam"));
@@ -178,7 +170,7 @@ TEST(AFilerTest, TemporaryPathIsFreeAndNotTaken) {
 
 TEST(AFilerTest, TemporaryPathFollowsTheEnvironment) {
   TemporaryFolder const folder;
-  EXPECT_TRUE(holdsAfresh([&] {
+  EXPECT_TRUE(holdsInChild([&] {
     ::setenv("TMPDIR", folder.path().c_str(), /*overwrite=*/1);
     AString path;
     EXPECT_TRUE(AFiler::getTempFilePath(path));
@@ -189,7 +181,7 @@ TEST(AFilerTest, TemporaryPathFollowsTheEnvironment) {
 TEST(AFilerTest, TemporaryPathIsWidenedInTheLocale) {
   TemporaryFolder const folder;
   fs::create_directory(folder / "\xC3\xA4");
-  EXPECT_TRUE(holdsAfresh([&] {
+  EXPECT_TRUE(holdsInChild([&] {
     LocaleScope const locale("C.UTF-8");
     ::setenv("TMPDIR", (folder / "\xC3\xA4").c_str(), /*overwrite=*/1);
     AString path;
@@ -201,23 +193,17 @@ TEST(AFilerTest, TemporaryPathIsWidenedInTheLocale) {
 #ifdef __linux__
 
 TEST(AFilerTest, NoFolderForTemporaryFilesIsReported) {
-  constexpr int kNotAllowed = 77;
   TemporaryFolder const folder;
-  int const status = runInChild([&] {
-                       // A host without any folder at all.
-                       bool const isInside = (::geteuid() == 0 || enterUserNamespace()) &&
-                                             ::chroot(folder.path().c_str()) == 0 &&
-                                             ::chdir("/") == 0;
-                       if (!isInside) std::exit(kNotAllowed);
-                       AString path(L"old");
-                       EXPECT_EQ(recordsOf([&] { EXPECT_FALSE(AFiler::getTempFilePath(path)); }),
-                                 failed(L"tempnam", ENOENT));
-                       EXPECT_EQ(path.const_cpp_str(), L"old");
-                     }).status;
-  if (WIFEXITED(status) && WEXITSTATUS(status) == kNotAllowed) {
-    GTEST_SKIP() << "the host does not allow another root folder";
-  }
-  EXPECT_EQ(status, 0);
+  expectAllowedInChild("the host does not allow another root folder", [&] {
+    // A host without any folder at all.
+    bool const isInside = (::geteuid() == 0 || enterUserNamespace()) &&
+                          ::chroot(folder.path().c_str()) == 0 && ::chdir("/") == 0;
+    if (!isInside) leaveAsNotAllowed();
+    AString path(L"old");
+    EXPECT_EQ(recordsOf([&] { EXPECT_FALSE(AFiler::getTempFilePath(path)); }),
+              failed(L"tempnam", ENOENT));
+    EXPECT_EQ(path.const_cpp_str(), L"old");
+  });
 }
 
 #endif
@@ -227,8 +213,19 @@ std::string longName() {
   return name.append(300, 'n');
 }
 
+class AFilerEmptyFolderTest : public testing::Test {
+protected:
+  std::wstring path(std::string const& name) const { return folder.wide(name); }
+
+  bool exists(std::string const& name) const {
+    return fs::exists(fs::symlink_status(folder / name));
+  }
+
+  TemporaryFolder folder;
+};
+
 /// A folder "d" with a file "f", a file, links, an empty folder.
-class AFilerFolderTest : public testing::Test {
+class AFilerFolderTest : public AFilerEmptyFolderTest {
 protected:
   AFilerFolderTest() {
     fs::create_directories(folder / "d");
@@ -238,14 +235,6 @@ protected:
     fs::create_symlink("loop", folder / "loop");
     fs::create_symlink("none", folder / "dangling");
   }
-
-  std::wstring path(std::string const& name) const { return folder.wide(name); }
-
-  bool exists(std::string const& name) const {
-    return fs::exists(fs::symlink_status(folder / name));
-  }
-
-  TemporaryFolder folder;
 };
 
 TEST_F(AFilerFolderTest, DeletesFilesAndLinks) {
@@ -368,6 +357,10 @@ TEST_F(AFilerFolderTest, CopiesAFile) {
   EXPECT_EQ(fileBytes(folder / "copy"), "inside");
 }
 
+Records failedCopy(std::wstring const& source, std::wstring const& target) {
+  return failedCall(kGroup, L"CopyFile," + source + L"," + target, L"Failed");
+}
+
 TEST_F(AFilerFolderTest, CopyThatFailsIsReported) {
   struct Row {
     std::string source;
@@ -381,7 +374,7 @@ TEST_F(AFilerFolderTest, CopyThatFailsIsReported) {
         Row{"file", "fifo"}, Row{"file", longName()}}) {
     EXPECT_EQ(
         recordsOf([&] { EXPECT_FALSE(AFiler::copyFile(path(row.source), path(row.target))); }),
-        failedCall(kGroup, L"CopyFile," + path(row.source) + L"," + path(row.target), L"Failed"));
+        failedCopy(path(row.source), path(row.target)));
   }
   EXPECT_FALSE(exists("copy"));
   EXPECT_FALSE(exists("none"));
@@ -395,7 +388,7 @@ TEST_F(AFilerFolderTest, CopyWithoutTheRightToReadIsReported) {
     ASSERT_EQ(::chmod((own / "file").c_str(), 0), 0);
     EXPECT_EQ(
         recordsOf([&] { EXPECT_FALSE(AFiler::copyFile(own.wide("file"), own.wide("copy"))); }),
-        failedCall(kGroup, L"CopyFile," + own.wide("file") + L"," + own.wide("copy"), L"Failed"));
+        failedCopy(own.wide("file"), own.wide("copy")));
     EXPECT_FALSE(fs::exists(own / "copy"));
   }));
 }
@@ -649,26 +642,18 @@ TEST_F(AFilerFolderTest, ReadOnlyFileSystemAllowsNoChange) {
 
 #endif
 
-class AFilerTreeTest : public testing::Test {
+class AFilerTreeTest : public AFilerEmptyFolderTest {
 protected:
-  std::wstring path(std::string const& name) const { return folder.wide(name); }
-
-  bool exists(std::string const& name) const {
-    return fs::exists(fs::symlink_status(folder / name));
-  }
-
   /// Makes "tree" and a folder in it, each with a file.
   void makeTree(std::string const& top) const {
     fs::create_directories(folder / (top + "/d"));
     makeFile(folder / (top + "/f"), "");
     makeFile(folder / (top + "/d/f"), "");
   }
-
-  TemporaryFolder folder;
 };
 
 TEST_F(AFilerTreeTest, ShortPathsAreRefusedSilently) {
-  EXPECT_TRUE(holdsAfresh([&] {
+  EXPECT_TRUE(holdsInChild([&] {
     ASSERT_EQ(::chdir(folder.path().c_str()), 0);
     for (char const* const name : {"a", "ab", "abc"}) fs::create_directory(folder / name);
     for (wchar_t const* const shortPath : {L"", L"/", L"/a", L"..", L"a", L"ab", L"abc"}) {
@@ -856,7 +841,7 @@ TEST_F(AFilerTreeTest, NameThatTheLocaleCannotReadStaysAndIsReported) {
 
 /// With few descriptors, and the little stack of a thread.
 bool deleteFrugally(std::wstring const& path) {
-  EXPECT_TRUE(holdsAfresh([&] {
+  EXPECT_TRUE(holdsInChild([&] {
     rlimit const limit{16, 16};
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
     pthread_attr_t attributes;
@@ -892,7 +877,7 @@ void makeChain(int count, std::string const& name) {
 }
 
 TEST_F(AFilerTreeTest, ManyLevelsAreDeleted) {
-  EXPECT_TRUE(holdsAfresh([&] {
+  EXPECT_TRUE(holdsInChild([&] {
     ASSERT_EQ(::chdir(folder.path().c_str()), 0);
     makeChain(1000, "d");
   }));
@@ -901,7 +886,7 @@ TEST_F(AFilerTreeTest, ManyLevelsAreDeleted) {
 }
 
 TEST_F(AFilerTreeTest, LevelsBeyondTheLongestPathAreReported) {
-  EXPECT_TRUE(holdsAfresh([&] {
+  EXPECT_TRUE(holdsInChild([&] {
     ASSERT_EQ(::chdir(folder.path().c_str()), 0);
     makeChain(25, std::string(200, 'd'));
   }));
@@ -915,30 +900,17 @@ TEST_F(AFilerTreeTest, LevelsBeyondTheLongestPathAreReported) {
 }
 
 /// Gives each message to `act` before what it announces is done.
-class ActingLogger final : public vornix_com::oxa::logger::ILogger {
+class ActingLogger final : public OwnLogger {
 public:
   using Action = std::function<void(std::wstring const&)>;
 
-  explicit ActingLogger(Action action) : act_(std::move(action)), before_(SetLogger(this)) {}
-
-  ~ActingLogger() override { SetLogger(before_); }
-
-  ActingLogger(ActingLogger const&) = delete;
-  ActingLogger& operator=(ActingLogger const&) = delete;
-
-  void start() override {}
-
-  void attach(std::wstring const&) override {}
-
-  void setMinLogLevel(vornix_com::oxa::logger::LogLevel const&) override {}
+  explicit ActingLogger(Action action) : act_(std::move(action)) {}
 
   bool isDetailLoggingEnabled() override { return true; }
 
-  void logMessage(vornix_com::oxa::logger::LogLevel const& level, std::wstring const& group,
+  void logMessage(LogLevel const& level, std::wstring const& group,
                   std::wstring const& message) override {
-    if (level == vornix_com::oxa::logger::LogLevel::error) {
-      errors.push_back({level, group, message});
-    }
+    if (level == LogLevel::error) errors.push_back({level, group, message});
     act_(message);
   }
 
@@ -946,7 +918,6 @@ public:
 
 private:
   Action act_;
-  ILogger* before_;
 };
 
 /// A folder "tree/d" that becomes a link to "outside" while it is deleted.
@@ -1060,7 +1031,7 @@ TEST_F(AFilerReplacedFolderTest, LinkIsRemovedAndNotFollowed) {
 }
 
 TEST_F(AFilerReplacedFolderTest, FifoIsRemovedAndNotWaitedFor) {
-  EXPECT_TRUE(holdsAfresh([&] {
+  EXPECT_TRUE(holdsInChild([&] {
     deleteWhileReplacing(
         folder, [](std::string const& place) { EXPECT_EQ(::mkfifo(place.c_str(), 0600), 0); });
   }));
@@ -1097,7 +1068,7 @@ TEST_F(AFilerTreeTest, FailureCountsEvenIfTheFolderGoesInTheEnd) {
 
 TEST_F(AFilerTreeTest, WantOfDescriptorsIsReported) {
   makeTree("tree");
-  EXPECT_TRUE(holdsAfresh([&] {
+  EXPECT_TRUE(holdsInChild([&] {
     // A sanitizer needs descriptors where it meets the types of scopes and logger first.
     EXPECT_FALSE(recordsOf([&] { EXPECT_FALSE(AFiler::deleteFile(path("tree"))); }).empty());
     LogRecorder const log;

@@ -1,7 +1,9 @@
 // AnIni2 where memory runs out: an operator new of this program's own fails at
 // each allocation in turn, once or from there on.
 
+#include "tests/ini/ini_support.h"
 #include "tests/support/log_recorder.h"
+#include "tests/support/own_logger.h"
 #include "tests/support/temporary_folder.h"
 
 #include <vrxutil/ini.h>
@@ -10,8 +12,6 @@
 
 #include <cstddef>
 #include <cstdlib>
-#include <filesystem>
-#include <iterator>
 #include <memory>
 #include <new>
 #include <string>
@@ -55,18 +55,10 @@ bool isToFail() {
   std::free(block);
 }
 
+namespace vrxutil::test {
 namespace {
 
-using vornix_com::oxa::logger::ILogger;
-using vornix_com::oxa::logger::LogLevel;
-using vrxutil::test::errorRecord;
-using vrxutil::test::fileBytes;
-using vrxutil::test::LogRecord;
-using vrxutil::test::makeFile;
-using vrxutil::test::TemporaryFolder;
-
 using Map = AnIni2::SectionMap;
-using Records = std::vector<LogRecord>;
 
 /// Allocations fail from the one with number `number` on, or only that one, to the
 /// end of the scope.
@@ -85,23 +77,8 @@ public:
 };
 
 /// Keeps records in memory that is always there.
-class SafeRecorder final : public ILogger {
+class SafeRecorder final : public OwnLogger {
 public:
-  SafeRecorder() : before_(SetLogger(this)) {}
-
-  ~SafeRecorder() override { SetLogger(before_); }
-
-  SafeRecorder(SafeRecorder const&) = delete;
-  SafeRecorder& operator=(SafeRecorder const&) = delete;
-
-  void start() override {}
-
-  void attach(std::wstring const& /*name*/) override {}
-
-  void setMinLogLevel(LogLevel const& /*level*/) override {}
-
-  bool isDetailLoggingEnabled() override { return false; }
-
   void logMessage(LogLevel const& level, std::wstring const& group,
                   std::wstring const& message) override {
     long const left = std::exchange(allocationsLeft, -1);
@@ -112,7 +89,6 @@ public:
   Records const& records() const { return records_; }
 
 private:
-  ILogger* before_;
   Records records_;
 };
 
@@ -134,7 +110,7 @@ constexpr char kNew[] =
 /// What came of an operation.
 enum class End { returned, threw };
 
-class AnIni2AllocationTest : public testing::Test {
+class AnIni2AllocationTest : public IniFileTest {
 protected:
   AnIni2AllocationTest() { makeFile(path, kOld); }
 
@@ -176,26 +152,13 @@ protected:
     }
   }
 
-  static Map mapOf(AnIni2& ini) {
-    Map map;
-    EXPECT_TRUE(ini.getIniMap(map));
-    return map;
-  }
-
-  std::size_t entries() const {
-    return static_cast<std::size_t>(std::distance(
-        std::filesystem::directory_iterator(folder.path()), std::filesystem::directory_iterator()));
-  }
-
   LogRecord exceptionRecord(wchar_t const* tryingTo) const {
     return errorRecord(
         L"ini", std::wstring(L"internal error: Exception std::bad_alloc trying to ") + tryingTo +
-                    L" " + folder.wide("file.ini"));
+                    L" " + widePath);
   }
 
-  TemporaryFolder folder;
-  std::string path = folder / "file.ini";
-  AString name{folder.wide("file.ini")};
+  AString name{widePath};
 };
 
 TEST_F(AnIni2AllocationTest, FileIsParsedWholeOrNotAtAll) {
@@ -214,7 +177,7 @@ TEST_F(AnIni2AllocationTest, FileIsParsedWholeOrNotAtAll) {
       EXPECT_EQ(records, isParsed ? Records{} : notParsed);
     }
     ini.reset();
-    EXPECT_EQ(fileBytes(path), kOld);
+    EXPECT_EQ(bytes(), kOld);
   });
 }
 
@@ -277,7 +240,7 @@ TEST_P(AnIni2InsertAllocationTest, AllIsStoredOrNothing) {
       EXPECT_EQ(records, isStored ? Records{} : notStored);
     }
     ini.reset();
-    EXPECT_EQ(fileBytes(path) == kOld, !isStored);
+    EXPECT_EQ(bytes() == kOld, !isStored);
   });
 }
 
@@ -323,10 +286,10 @@ TEST_F(AnIni2AllocationTest, WriteIsDoneOrThrows) {
   failEach([&] { return openChanged(); }, write,
            [&](auto& ini, End end, Records const& records, bool) {
              EXPECT_EQ(records, Records{});
-             EXPECT_EQ(fileBytes(path), end == End::returned ? kNew : kOld);
+             EXPECT_EQ(bytes(), end == End::returned ? kNew : kOld);
              EXPECT_EQ(entries(), 1U);
              ini->write();
-             EXPECT_EQ(fileBytes(path), kNew);
+             EXPECT_EQ(bytes(), kNew);
            });
 }
 
@@ -336,7 +299,7 @@ TEST_F(AnIni2AllocationTest, CloseThatThrowsKeepsEverything) {
            [&](auto& ini, End end, Records const&, bool) {
              EXPECT_EQ(ini->parsed(), end == End::threw);
              ini->close();
-             EXPECT_EQ(fileBytes(path), kNew);
+             EXPECT_EQ(bytes(), kNew);
            });
 }
 
@@ -345,12 +308,13 @@ TEST_F(AnIni2AllocationTest, DestructorLetsNothingOut) {
   failEach([&] { return openChanged(); }, destroy,
            [&](auto&, End end, Records const& records, bool forGood) {
              EXPECT_EQ(end, End::returned);
-             std::string const bytes = fileBytes(path);
-             EXPECT_TRUE(bytes == kOld || bytes == kNew) << bytes;
+             std::string const now = bytes();
+             EXPECT_TRUE(now == kOld || now == kNew) << now;
              EXPECT_EQ(entries(), 1U);
              if (forGood) return;
-             EXPECT_EQ(records, bytes == kNew ? Records{} : Records{exceptionRecord(L"write")});
+             EXPECT_EQ(records, now == kNew ? Records{} : Records{exceptionRecord(L"write")});
            });
 }
 
 }  // namespace
+}  // namespace vrxutil::test

@@ -1,7 +1,7 @@
 // When AnIni2 takes the locale of the environment: this program's own setlocale()
 // leaves a record among the others.
 
-#include "tests/platform/child_process.h"
+#include "tests/ini/ini_support.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/temporary_folder.h"
 
@@ -11,11 +11,8 @@
 #include <gtest/gtest.h>
 
 #include <clocale>
-#include <cstdlib>
 #include <filesystem>
-#include <functional>
 #include <string>
-#include <vector>
 
 #include <dlfcn.h>
 #include <sys/stat.h>
@@ -29,17 +26,8 @@ extern "C" [[gnu::visibility("default")]] char* setlocale(int category, char con
   return next(category, locale);
 }
 
+namespace vrxutil::test {
 namespace {
-
-using vrxutil::test::detailRecord;
-using vrxutil::test::errorRecord;
-using vrxutil::test::fileBytes;
-using vrxutil::test::LogRecord;
-using vrxutil::test::LogRecorder;
-using vrxutil::test::makeFile;
-using vrxutil::test::TemporaryFolder;
-
-using Records = std::vector<LogRecord>;
 
 Records const kNothing;
 LogRecord const kTaken = detailRecord(L"locale", L"\"\"");
@@ -49,30 +37,14 @@ LogRecord decoding(std::size_t size) {
   return detailRecord(L"Xml", L"ConvertBufferToUnicode," + std::to_wstring(size));
 }
 
-class AnIni2LocaleTest : public testing::Test {
+class AnIni2LocaleTest : public IniFileTest {
 protected:
-  /// Runs `scenario` in a process with the locale "C", where the environment says
-  /// C.UTF-8.
-  template <class Scenario>
-  static void runElsewhere(Scenario scenario) {
-    auto const child = vrxutil::test::runInChild([&] {
-      ::setenv("LC_ALL", "C.UTF-8", /*overwrite=*/1);
-      std::setlocale(LC_ALL, "C");
-      scenario();
-    });
-    EXPECT_EQ(child.status, 0) << child.standardError;
-  }
-
   static std::string locale() { return std::setlocale(LC_ALL, nullptr); }
-
-  TemporaryFolder folder;
-  std::string path = folder / "file.ini";
-  std::wstring widePath = folder.wide("file.ini");
 };
 
 TEST_F(AnIni2LocaleTest, IsTakenAfterTheConversionAndBeforeTheFirstLine) {
   makeFile(path, "]");
-  runElsewhere([&] {
+  runWithLocale("C.UTF-8", [&] {
     LogRecorder const recorder;
     AnIni2 const ini{AString(widePath)};
     EXPECT_EQ(
@@ -86,7 +58,7 @@ TEST_F(AnIni2LocaleTest, IsTakenAfterTheConversionAndBeforeTheFirstLine) {
 
 TEST_F(AnIni2LocaleTest, IsTakenOnceForEachReading) {
   makeFile(path, "[a]\nk=v\n");
-  runElsewhere([&] {
+  runWithLocale("C.UTF-8", [&] {
     LogRecorder const recorder;
     AnIni2 ini{AString(widePath)};
     EXPECT_EQ(recorder.records(), (Records{decoding(8), kTaken}));
@@ -98,7 +70,7 @@ TEST_F(AnIni2LocaleTest, IsTakenOnceForEachReading) {
 TEST_F(AnIni2LocaleTest, IsTakenForAnEmptyStoreToo) {
   makeFile(path, "");
   ASSERT_EQ(::mkfifo((folder / "fifo").c_str(), 0600), 0);
-  runElsewhere([&] {
+  runWithLocale("C.UTF-8", [&] {
     for (char const* const name : {"file.ini", "missing.ini", "fifo", ""}) {
       std::setlocale(LC_ALL, "C");
       LogRecorder const recorder;
@@ -111,7 +83,7 @@ TEST_F(AnIni2LocaleTest, IsTakenForAnEmptyStoreToo) {
 
 TEST_F(AnIni2LocaleTest, StaysWhereTheTextIsNotUtf8) {
   makeFile(path, "k=v\n\xFF");
-  runElsewhere([&] {
+  runWithLocale("C.UTF-8", [&] {
     LogRecorder const recorder;
     AnIni2 const ini{AString(widePath)};
     EXPECT_FALSE(ini.parsed());
@@ -122,7 +94,7 @@ TEST_F(AnIni2LocaleTest, StaysWhereTheTextIsNotUtf8) {
 
 TEST_F(AnIni2LocaleTest, IsTakenBeforeTheConversionThatWrites) {
   makeFile(path, "[a]\nk=v\n");
-  runElsewhere([&] {
+  runWithLocale("C.UTF-8", [&] {
     AnIni2 ini{AString(widePath)};
     for (wchar_t const* const value : {L"new", L"\xD800"}) {
       ini.insert(L"a", L"k", value);
@@ -140,7 +112,7 @@ TEST_F(AnIni2LocaleTest, IsTakenBeforeTheConversionThatWrites) {
 
 TEST_F(AnIni2LocaleTest, StaysWhereNothingIsReadOrWritten) {
   makeFile(path, "[a]\nk=v\n");
-  runElsewhere([&] {
+  runWithLocale("C.UTF-8", [&] {
     AnIni2 ini{AString(widePath)};
     std::setlocale(LC_ALL, "C");
     LogRecorder const recorder;
@@ -156,7 +128,7 @@ TEST_F(AnIni2LocaleTest, StaysWhereNothingIsReadOrWritten) {
 }
 
 TEST_F(AnIni2LocaleTest, StaysWhereTheFileCannotBeOpened) {
-  runElsewhere([&] {
+  runWithLocale("C.UTF-8", [&] {
     AnIni2 ini{AString(folder.wide("missing/file.ini"))};
     ini.insert(L"a", L"k", L"v");
     std::setlocale(LC_ALL, "C");
@@ -170,7 +142,7 @@ TEST_F(AnIni2LocaleTest, StaysWhereTheFileCannotBeOpened) {
 // The file's name reaches the system before that, in the locale as it is.
 TEST_F(AnIni2LocaleTest, IsTakenAfterTheNameOfTheFile) {
   makeFile(folder / "?", "[a]\nk=v\n");
-  runElsewhere([&] {
+  runWithLocale("C.UTF-8", [&] {
     AnIni2 ini{AString(folder.wide("") + L"\u00E4")};
     AString value;
     EXPECT_TRUE(ini.tryGet(AString(L"a"), AString(L"k"), value));
@@ -183,3 +155,4 @@ TEST_F(AnIni2LocaleTest, IsTakenAfterTheNameOfTheFile) {
 }
 
 }  // namespace
+}  // namespace vrxutil::test

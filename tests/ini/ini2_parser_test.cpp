@@ -2,8 +2,8 @@
 // table of states; files that are no text; failures of reading.
 
 #include "tests/file/file_support.h"
+#include "tests/ini/ini_support.h"
 #include "tests/ini/ini_table.h"
-#include "tests/platform/child_process.h"
 #include "tests/platform/system_call_fault.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/temporary_folder.h"
@@ -15,7 +15,6 @@
 #include <array>
 #include <cerrno>
 #include <clocale>
-#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <random>
@@ -27,20 +26,12 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+namespace vrxutil::test {
 namespace {
 
 using vornix_com::file::ini::State;
-using vrxutil::test::detailRecord;
-using vrxutil::test::errorRecord;
-using vrxutil::test::fileBytes;
-using vrxutil::test::IniTable;
-using vrxutil::test::LogRecord;
-using vrxutil::test::LogRecorder;
-using vrxutil::test::makeFile;
-using vrxutil::test::TemporaryFolder;
 
 using Map = AnIni2::SectionMap;
 
@@ -57,8 +48,15 @@ constexpr wchar_t kNotParsed[] = L"internal error: Ini file not parsed in AnIni2
 struct Outcome {
   bool parsed = false;
   Map map;
-  std::vector<LogRecord> records;
+  Records records;
 };
+
+/// Of what cannot be read, and of nothing.
+void expectEmptyStore(Outcome const& outcome) {
+  EXPECT_TRUE(outcome.parsed);
+  EXPECT_TRUE(outcome.map.empty());
+  EXPECT_TRUE(outcome.records.empty());
+}
 
 Outcome readFile(std::wstring const& path) {
   LogRecorder recorder;
@@ -68,30 +66,25 @@ Outcome readFile(std::wstring const& path) {
   return outcome;
 }
 
-class ReadText : public testing::Test {
+class ReadText : public IniFileTest {
 protected:
   Outcome read(std::string const& text) {
     // A new file: some file systems flush one that is cut and written again.
-    ::unlink((folder / "file.ini").c_str());
-    makeFile(folder / "file.ini", text);
-    return readFile(path);
+    ::unlink(path.c_str());
+    makeFile(path, text);
+    return readFile(widePath);
   }
 
   /// The records of a text of `size` bytes up to its NUL, with a syntax error or none.
-  std::vector<LogRecord> recordsOf(std::size_t size, bool parsed, std::wstring const& unexpected,
-                                   int line) {
-    std::vector<LogRecord> records{
-        detailRecord(L"Xml", L"ConvertBufferToUnicode," + std::to_wstring(size))};
+  Records recordsOf(std::size_t size, bool parsed, std::wstring const& unexpected, int line) {
+    Records records{detailRecord(L"Xml", L"ConvertBufferToUnicode," + std::to_wstring(size))};
     if (!unexpected.empty()) {
       records.push_back(errorRecord(
-          L"ini", L"internal error: " + unexpected + path + L" line " + std::to_wstring(line)));
+          L"ini", L"internal error: " + unexpected + widePath + L" line " + std::to_wstring(line)));
     }
     if (!parsed) records.push_back(errorRecord(L"ini", kNotParsed));
     return records;
   }
-
-  TemporaryFolder folder;
-  std::wstring path = folder.wide("file.ini");
 };
 
 struct Row {
@@ -224,19 +217,6 @@ constexpr std::size_t kFirstLetter = 10;
 constexpr std::size_t kFirstLine = 23;
 static_assert(kPieces[kFirstLetter].utf8 == "a" && kPieces[kFirstLine].utf8 == "[s]\n");
 
-/// Runs `scenario` in a process that begins with the locale "C", where the
-/// environment says `locale`.
-template <class Scenario>
-void runWithLocale(char const* locale, Scenario scenario) {
-  SCOPED_TRACE(locale);
-  auto const child = vrxutil::test::runInChild([&] {
-    ::setenv("LC_ALL", locale, /*overwrite=*/1);
-    std::setlocale(LC_ALL, "C");
-    scenario();
-  });
-  EXPECT_EQ(child.status, 0) << child.standardError;
-}
-
 class RandomFilesTest : public ReadText {
 protected:
   /// The file of `beginning` and random pieces, those before `firstPiece` aside.
@@ -319,7 +299,7 @@ TEST_F(RandomFilesTest, OfManyBlocksAgreeWithTheTable) {
 class AnIni2ReadingTest : public ReadText {
 protected:
   /// The records of a file that can be read in part.
-  static std::vector<LogRecord> readErrorIn(std::wstring const& file) {
+  static Records readErrorIn(std::wstring const& file) {
     return {
         errorRecord(L"ini", L"Error trace:"),
         errorRecord(L"ini", L" [read," + file + L"]->"),
@@ -336,28 +316,23 @@ TEST_F(AnIni2ReadingTest, NoTextIsAnEmptyStore) {
   for (std::wstring const& file :
        {std::wstring(), folder.wide("missing"), folder.wide("empty"), folder.wide("fifo"),
         folder.wide(""), folder.wide("missing/file"), std::wstring(L"/dev/null")}) {
-    Outcome const outcome = readFile(file);
-    EXPECT_TRUE(outcome.parsed) << testing::PrintToString(file);
-    EXPECT_TRUE(outcome.map.empty()) << testing::PrintToString(file);
-    EXPECT_TRUE(outcome.records.empty()) << testing::PrintToString(file);
+    SCOPED_TRACE(testing::PrintToString(file));
+    expectEmptyStore(readFile(file));
   }
 }
 
 // It may be writable all the same, and the next write then replaces it.
 TEST_F(AnIni2ReadingTest, FileThatMayNotBeReadIsAnEmptyStore) {
-  makeFile(folder / "file.ini", "k=v\n");
-  ASSERT_EQ(::chmod((folder / "file.ini").c_str(), 0222), 0);
+  makeFile(path, "k=v\n");
+  ASSERT_EQ(::chmod(path.c_str(), 0222), 0);
   ASSERT_EQ(::chmod(folder.path().c_str(), 0755), 0);
-  EXPECT_TRUE(vrxutil::test::holdsUnprivileged([&] {
-    Outcome const outcome = readFile(path);
-    EXPECT_TRUE(outcome.parsed);
-    EXPECT_TRUE(outcome.map.empty());
-    EXPECT_TRUE(outcome.records.empty());
-    AnIni2 ini{AString(path)};
+  EXPECT_TRUE(holdsUnprivileged([&] {
+    expectEmptyStore(readFile(widePath));
+    AnIni2 ini{AString(widePath)};
     EXPECT_TRUE(ini.insert(L"a", L"k", L"new"));
   }));
-  ASSERT_EQ(::chmod((folder / "file.ini").c_str(), 0644), 0);
-  EXPECT_EQ(fileBytes(folder / "file.ini"), "[a]\nk=new\n\n");
+  ASSERT_EQ(::chmod(path.c_str(), 0644), 0);
+  EXPECT_EQ(bytes(), "[a]\nk=new\n\n");
 }
 
 TEST_F(AnIni2ReadingTest, EndlessZerosAreAnEmptyText) {
@@ -427,7 +402,7 @@ TEST_F(AnIni2ReadingTest, LongLinesAreRead) {
   std::wstring const wide(kLength, L'n');
   Map const expected = pairs(wide, {{wide, L"v"}});
   EXPECT_TRUE(outcome.map == expected);
-  expectToReadBack(path, expected);
+  expectToReadBack(widePath, expected);
 }
 
 TEST_F(AnIni2ReadingTest, MillionSectionsAreRead) {
@@ -436,7 +411,7 @@ TEST_F(AnIni2ReadingTest, MillionSectionsAreRead) {
   Outcome const outcome = read(text);
   EXPECT_TRUE(outcome.parsed);
   EXPECT_EQ(outcome.map.size(), 1000000U);
-  expectToReadBack(path, outcome.map);
+  expectToReadBack(widePath, outcome.map);
 }
 
 TEST_F(AnIni2ReadingTest, WhiteSpaceIsTheLocales) {
@@ -452,21 +427,17 @@ TEST_F(AnIni2ReadingTest, WhiteSpaceIsTheLocales) {
 
 // A regular file that begins with what the process has at address 0: nothing.
 TEST_F(AnIni2ReadingTest, FileThatCannotBeReadIsAnEmptyStore) {
-  Outcome const outcome = readFile(L"/proc/self/mem");
-  EXPECT_TRUE(outcome.parsed);
-  EXPECT_TRUE(outcome.map.empty());
-  EXPECT_TRUE(outcome.records.empty());
+  expectEmptyStore(readFile(L"/proc/self/mem"));
 }
 
 // With a page at address 0, it can be read up to that page's end.
 TEST_F(AnIni2ReadingTest, FileThatCannotBeReadToItsEndIsNotParsed) {
-  constexpr int kNoPage = 3;  // exit status of a child
-  auto const child = vrxutil::test::runInChild([&] {
+  expectAllowedInChild("the host does not allow a page at address 0", [&] {
     auto const size = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
     // Not by mmap(2) itself: a sanitizer would end the process.
     long const page = ::syscall(SYS_mmap, nullptr, size, PROT_READ | PROT_WRITE,
                                 MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0L);
-    if (page != 0) ::_exit(kNoPage);
+    if (page != 0) leaveAsNotAllowed();
     int const memory = ::open("/proc/self/mem", O_WRONLY | O_CLOEXEC);
     std::string const text(size, '\n');
     ASSERT_EQ(::pwrite(memory, text.data(), size, 0), static_cast<ssize_t>(size));
@@ -475,13 +446,16 @@ TEST_F(AnIni2ReadingTest, FileThatCannotBeReadToItsEndIsNotParsed) {
     EXPECT_FALSE(outcome.parsed);
     EXPECT_EQ(outcome.records, readErrorIn(L"/proc/self/mem"));
   });
-  if (WIFEXITED(child.status) && WEXITSTATUS(child.status) == kNoPage) {
-    GTEST_SKIP() << "the host does not allow a page at address 0";
-  }
-  EXPECT_EQ(child.status, 0) << child.standardError;
 }
 
-constexpr int kNoFilters = 3;  // exit status of a child
+/// Runs `scenario` in a child where each read(2) of `size` bytes fails.
+template <class Scenario>
+void expectWhereReadFails(int size, Scenario scenario) {
+  expectAllowedInChild(kNotInjected, [&] {
+    if (!inject({"read", {SYS_read}, failsWith(EIO), Argument{2, size}})) leaveAsNotAllowed();
+    scenario();
+  });
+}
 
 // Size of the file, and what the second read asks for of it: all that is left and
 // one byte more.
@@ -489,40 +463,20 @@ constexpr int kSize = 200000;
 constexpr int kSecondRead = kSize + 1 - 65536;
 
 TEST_F(AnIni2ReadingTest, ReadErrorWithinTheFileIsNotParsed) {
-  makeFile(folder / "file.ini", std::string(static_cast<std::size_t>(kSize), '\n'));
-  auto const child = vrxutil::test::runInChild([&] {
-    bool const isInjected = vrxutil::test::inject({"read",
-                                                   {SYS_read},
-                                                   vrxutil::test::failsWith(EIO),
-                                                   vrxutil::test::Argument{2, kSecondRead}});
-    if (!isInjected) ::_exit(kNoFilters);
-    Outcome const outcome = readFile(path);
+  makeFile(path, std::string(static_cast<std::size_t>(kSize), '\n'));
+  expectWhereReadFails(kSecondRead, [&] {
+    Outcome const outcome = readFile(widePath);
     EXPECT_FALSE(outcome.parsed);
-    EXPECT_EQ(outcome.records, readErrorIn(path));
+    EXPECT_EQ(outcome.records, readErrorIn(widePath));
   });
-  if (WIFEXITED(child.status) && WEXITSTATUS(child.status) == kNoFilters) {
-    GTEST_SKIP() << vrxutil::test::kNotInjected;
-  }
-  EXPECT_EQ(child.status, 0) << child.standardError;
 }
 
 TEST_F(AnIni2ReadingTest, ReadErrorAtTheBeginningIsAnEmptyStore) {
-  makeFile(folder / "file.ini", "k=v\n");
-  auto const child = vrxutil::test::runInChild([&] {
-    bool const isInjected = vrxutil::test::inject(
-        {"read", {SYS_read}, vrxutil::test::failsWith(EIO), vrxutil::test::Argument{2, 65536}});
-    if (!isInjected) ::_exit(kNoFilters);
-    Outcome const outcome = readFile(path);
-    EXPECT_TRUE(outcome.parsed);
-    EXPECT_TRUE(outcome.map.empty());
-    EXPECT_TRUE(outcome.records.empty());
-  });
-  if (WIFEXITED(child.status) && WEXITSTATUS(child.status) == kNoFilters) {
-    GTEST_SKIP() << vrxutil::test::kNotInjected;
-  }
-  EXPECT_EQ(child.status, 0) << child.standardError;
+  makeFile(path, "k=v\n");
+  expectWhereReadFails(65536, [&] { expectEmptyStore(readFile(widePath)); });
 }
 
 #endif
 
 }  // namespace
+}  // namespace vrxutil::test

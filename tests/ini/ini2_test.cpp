@@ -1,5 +1,6 @@
 // AnIni2 as a store: values by name, and the text that is written.
 
+#include "tests/ini/ini_support.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/temporary_folder.h"
 
@@ -13,22 +14,13 @@
 #include <random>
 #include <string>
 #include <type_traits>
-#include <vector>
 
+namespace vrxutil::test {
 namespace {
 
 namespace fs = std::filesystem;
 
-using vrxutil::test::detailRecord;
-using vrxutil::test::errorRecord;
-using vrxutil::test::fileBytes;
-using vrxutil::test::LogRecord;
-using vrxutil::test::LogRecorder;
-using vrxutil::test::makeFile;
-using vrxutil::test::TemporaryFolder;
-
 using Map = AnIni2::SectionMap;
-using Records = std::vector<LogRecord>;
 
 static_assert(std::is_base_of_v<AnIni, AnIni2>);
 static_assert(
@@ -38,33 +30,24 @@ constexpr wchar_t kNotParsed[] = L"internal error: Ini file not parsed in AnIni2
 
 LogRecord const kWriting = detailRecord(L"Xml", L"ConvertBufferToUtf8");
 
-class AnIni2Test : public testing::Test {
+class AnIni2Test : public IniFileTest {
 protected:
   /// An object over a file of these bytes.
   std::unique_ptr<AnIni2> open(std::string const& text) {
     makeFile(path, text);
-    auto ini = std::make_unique<AnIni2>(AString(widePath));
-    recorder.clear();
-    return ini;
+    return openQuietly();
   }
 
-  std::unique_ptr<AnIni2> openMissing() {
-    auto ini = std::make_unique<AnIni2>(AString(widePath));
-    recorder.clear();
-    return ini;
-  }
+  std::unique_ptr<AnIni2> openMissing() { return openQuietly(); }
 
-  std::string bytes() const { return fileBytes(path); }
-
-  std::size_t entries() const {
-    return static_cast<std::size_t>(
-        std::distance(fs::directory_iterator(folder.path()), fs::directory_iterator()));
-  }
-
-  TemporaryFolder folder;
-  std::string path = folder / "file.ini";
-  std::wstring widePath = folder.wide("file.ini");
   LogRecorder recorder;
+
+private:
+  std::unique_ptr<AnIni2> openQuietly() {
+    auto ini = std::make_unique<AnIni2>(AString(widePath));
+    recorder.clear();
+    return ini;
+  }
 };
 
 std::wstring valueOf(AnIni2& ini, wchar_t const* section, wchar_t const* key) {
@@ -74,12 +57,6 @@ std::wstring valueOf(AnIni2& ini, wchar_t const* section, wchar_t const* key) {
 
 void set(AnIni2& ini, wchar_t const* section, wchar_t const* key, wchar_t const* value) {
   ini.set(AString(section), AString(key), AString(value));
-}
-
-Map mapOf(AnIni2& ini) {
-  Map map;
-  EXPECT_TRUE(ini.getIniMap(map));
-  return map;
 }
 
 // Reading values.
@@ -425,3 +402,4 @@ TEST_F(AnIni2Test, BrokenFileIsWrittenByTheProfileFunctions) {
 }
 
 }  // namespace
+}  // namespace vrxutil::test

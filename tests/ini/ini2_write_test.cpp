@@ -1,10 +1,12 @@
 // How what AnIni2 writes gets to its place, and what is there when it does not.
 
 #include "tests/file/file_support.h"
+#include "tests/ini/ini_support.h"
 #include "tests/platform/child_process.h"
 #include "tests/platform/system_call_fault.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/other_user.h"
+#include "tests/support/own_logger.h"
 #include "tests/support/private_mounts.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/support/umask_scope.h"
@@ -20,7 +22,6 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <memory>
 #include <random>
 #include <string>
@@ -33,24 +34,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+namespace vrxutil::test {
 namespace {
 
 namespace fs = std::filesystem;
-
-using vornix_com::oxa::logger::LogLevel;
-using vrxutil::test::detailRecord;
-using vrxutil::test::errorInside;
-using vrxutil::test::fileBytes;
-using vrxutil::test::holdsUnprivileged;
-using vrxutil::test::kOtherGroup;
-using vrxutil::test::kOtherUser;
-using vrxutil::test::LogRecorder;
-using vrxutil::test::makeFile;
-using vrxutil::test::reason;
-using vrxutil::test::Records;
-using vrxutil::test::runInChild;
-using vrxutil::test::TemporaryFolder;
-using vrxutil::test::UmaskScope;
 
 Records const kNothing;
 Records const kWritten{detailRecord(L"Xml", L"ConvertBufferToUtf8")};
@@ -90,24 +77,23 @@ struct stat statusOf(std::string const& path) {
   return status;
 }
 
-/// The directory entries of a folder.
-std::size_t entriesOf(std::string const& folder) {
-  return static_cast<std::size_t>(
-      std::distance(fs::directory_iterator(folder), fs::directory_iterator()));
-}
-
-class AnIni2WriteTest : public testing::Test {
+class AnIni2WriteTest : public IniFileTest {
 protected:
   AnIni2WriteTest() {
     // Others may come here, where the tests run as root.
     EXPECT_EQ(::chmod(folder.path().c_str(), 0755), 0);
   }
 
-  std::size_t entries() const { return entriesOf(folder.path()); }
-
-  TemporaryFolder folder;
-  std::string path = folder / "file.ini";
-  std::wstring widePath = folder.wide("file.ini");
+  /// Makes an old file, which belongs to whom holdsUnprivileged() is, in a folder of
+  /// the mode `folderMode`; its inode.
+  ino_t makeOwnFile(mode_t folderMode) const {
+    makeFile(path, kOld);
+    if (::geteuid() == 0) {
+      EXPECT_EQ(::chown(path.c_str(), kOtherUser, kOtherGroup), 0);
+    }
+    EXPECT_EQ(::chmod(folder.path().c_str(), folderMode), 0);
+    return statusOf(path).st_ino;
+  }
 };
 
 // Replaced.
@@ -146,11 +132,10 @@ TEST_F(AnIni2WriteTest, NewFileTakesTheUmask) {
 }
 
 TEST_F(AnIni2WriteTest, NewFileInTheCurrentFolderIsMade) {
-  auto const child = runInChild([&] {
+  EXPECT_TRUE(holdsInChild([&] {
     ASSERT_EQ(::chdir(folder.path().c_str()), 0);
     EXPECT_EQ(change(L"file.ini"), kWritten);
-  });
-  EXPECT_EQ(child.status, 0) << child.standardError;
+  }));
   EXPECT_EQ(fileBytes(path), kNew);
 }
 
@@ -165,7 +150,7 @@ TEST_F(AnIni2WriteTest, SymbolicLinksStayAndTheirTargetIsReplaced) {
   EXPECT_TRUE(fs::is_symlink(folder / "other/link"));
   EXPECT_EQ(fileBytes(folder / "other/target"), kNew);
   EXPECT_NE(statusOf(path).st_ino, before);
-  EXPECT_EQ(entriesOf(folder / "other"), 2U);
+  EXPECT_EQ(entryCount(folder / "other"), 2U);
 }
 
 TEST_F(AnIni2WriteTest, TargetOfASymbolicLinkIsMade) {
@@ -190,12 +175,7 @@ TEST_F(AnIni2WriteTest, FileWithTwoNamesIsWrittenInPlace) {
 }
 
 TEST_F(AnIni2WriteTest, FileInAReadOnlyFolderIsWrittenInPlace) {
-  makeFile(path, kOld);
-  if (::geteuid() == 0) {
-    ASSERT_EQ(::chown(path.c_str(), kOtherUser, kOtherGroup), 0);
-  }
-  ASSERT_EQ(::chmod(folder.path().c_str(), 0555), 0);
-  ino_t const before = statusOf(path).st_ino;
+  ino_t const before = makeOwnFile(0555);
   EXPECT_TRUE(holdsUnprivileged([&] {
     EXPECT_EQ(change(widePath), kWritten);
     EXPECT_EQ(change(folder.wide("new.ini")), kNothing);
@@ -246,23 +226,17 @@ TEST_F(AnIni2WriteTest, FileOfAnyOfOurGroupsIsReplaced) {
   ASSERT_EQ(::chown(path.c_str(), kOtherUser, kForeignGroup), 0);
   ASSERT_EQ(::chmod(folder.path().c_str(), 0777), 0);
   ino_t const before = statusOf(path).st_ino;
-  auto const child = runInChild([&] {
-    ASSERT_TRUE(vrxutil::test::leaveRoot(kOtherUser, {kForeignGroup + 1, kForeignGroup}));
+  EXPECT_TRUE(holdsInChild([&] {
+    ASSERT_TRUE(leaveRoot(kOtherUser, {kForeignGroup + 1, kForeignGroup}));
     EXPECT_EQ(change(widePath), kWritten);
-  });
-  EXPECT_EQ(child.status, 0) << child.standardError;
+  }));
   EXPECT_NE(statusOf(path).st_ino, before);
   EXPECT_EQ(statusOf(path).st_uid, kOtherUser);
   EXPECT_EQ(statusOf(path).st_gid, kForeignGroup);
 }
 
 TEST_F(AnIni2WriteTest, OwnFileInAStickyFolderIsReplaced) {
-  makeFile(path, kOld);
-  if (::geteuid() == 0) {
-    ASSERT_EQ(::chown(path.c_str(), kOtherUser, kOtherGroup), 0);
-  }
-  ASSERT_EQ(::chmod(folder.path().c_str(), 01777), 0);
-  ino_t const before = statusOf(path).st_ino;
+  ino_t const before = makeOwnFile(01777);
   EXPECT_TRUE(holdsUnprivileged([&] { EXPECT_EQ(change(widePath), kWritten); }));
   EXPECT_NE(statusOf(path).st_ino, before);
   EXPECT_EQ(fileBytes(path), kNew);
@@ -270,7 +244,7 @@ TEST_F(AnIni2WriteTest, OwnFileInAStickyFolderIsReplaced) {
 
 // That of a neighbour with a longer name is too long.
 TEST_F(AnIni2WriteTest, FileWithTheLongestPathIsWritten) {
-  auto const child = runInChild([&] {
+  EXPECT_TRUE(holdsInChild([&] {
     std::string deep = folder.path();
     while (deep.size() + 201 < PATH_MAX - 3) deep += "/" + std::string(199, 'd');
     deep += "/" + std::string(static_cast<std::size_t>(PATH_MAX - 4) - deep.size(), 'e');
@@ -280,8 +254,7 @@ TEST_F(AnIni2WriteTest, FileWithTheLongestPathIsWritten) {
     makeFile(file, kOld);
     EXPECT_EQ(change({file.begin(), file.end()}), kWritten);
     EXPECT_EQ(fileBytes(file), kNew);
-  });
-  EXPECT_EQ(child.status, 0) << child.standardError;
+  }));
 }
 
 TEST_F(AnIni2WriteTest, DeviceIsWrittenInPlace) {
@@ -354,23 +327,8 @@ TEST_F(AnIni2WriteTest, TextWithoutUtf8FormLeavesAFileWithTwoNames) {
 }
 
 /// A logger that takes no errors.
-class ThrowingLogger final : public vornix_com::oxa::logger::ILogger {
+class ThrowingLogger final : public OwnLogger {
 public:
-  ThrowingLogger() : before_(SetLogger(this)) {}
-
-  ~ThrowingLogger() override { SetLogger(before_); }
-
-  ThrowingLogger(ThrowingLogger const&) = delete;
-  ThrowingLogger& operator=(ThrowingLogger const&) = delete;
-
-  void start() override {}
-
-  void attach(std::wstring const& /*name*/) override {}
-
-  void setMinLogLevel(LogLevel const& /*level*/) override {}
-
-  bool isDetailLoggingEnabled() override { return false; }
-
   void logMessage(LogLevel const& level, std::wstring const& /*group*/,
                   std::wstring const& /*message*/) override {
     struct NoException {};
@@ -381,21 +339,17 @@ public:
   }
 
   int thrown = 0;
-
-private:
-  ILogger* before_;
 };
 
 TEST_F(AnIni2WriteTest, DestructorLetsOutNothingThatTheLoggerThrows) {
   makeFile(path, kOld);
-  auto const child = runInChild([&] {
+  EXPECT_TRUE(holdsInChild([&] {
     auto ini = std::make_unique<AnIni2>(AString(widePath));
     ASSERT_TRUE(ini->insert(L"a", L"k", L"\xD800"));
     ThrowingLogger const logger;
     ini.reset();
     EXPECT_EQ(logger.thrown, 1);
-  });
-  EXPECT_EQ(child.status, 0) << child.standardError;
+  }));
   EXPECT_EQ(fileBytes(path), kOld);
 }
 
@@ -409,39 +363,28 @@ TEST_F(AnIni2WriteTest, FullDeviceIsLogged) {
 
 TEST_F(AnIni2WriteTest, LimitOfFileSizesLeavesTheFile) {
   makeFile(path, kOld);
-  auto const child = runInChild([&] {
+  EXPECT_TRUE(holdsInChild([&] {
     rlimit const limit{8, 8};
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
     EXPECT_EQ(change(widePath), failed(L"write", widePath, EFBIG));
     EXPECT_EQ(change(folder.wide("new.ini")), failed(L"write", folder.wide("new.ini"), EFBIG));
-  });
-  EXPECT_EQ(child.status, 0) << child.standardError;
+  }));
   EXPECT_EQ(fileBytes(path), kOld);
   EXPECT_EQ(entries(), 1U);
 }
 
 #ifdef __linux__
 
-using vrxutil::test::enterMountNamespace;
-using vrxutil::test::expectOnMount;
-using vrxutil::test::kNoMounts;
-using vrxutil::test::kNotInjected;
-
-constexpr int kNotAllowed = 77;  // exit status of a child
-
-bool isNotAllowed(int status) { return WIFEXITED(status) && WEXITSTATUS(status) == kNotAllowed; }
-
 TEST_F(AnIni2WriteTest, FileThatSomethingIsMountedOnIsWrittenInPlace) {
   makeFile(path, kOld);
-  auto const child = runInChild([&] {
+  expectAllowedInChild(kNoMounts, [&] {
     if (!enterMountNamespace() ||
         ::mount(path.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) != 0) {
-      std::exit(kNotAllowed);
+      leaveAsNotAllowed();
     }
     EXPECT_EQ(change(widePath), kWritten);
   });
-  if (isNotAllowed(child.status)) GTEST_SKIP() << kNoMounts;
-  EXPECT_EQ(child.status, 0) << child.standardError;
+  if (IsSkipped()) return;
   EXPECT_EQ(fileBytes(path), kNew);
   EXPECT_EQ(entries(), 1U);
 }
@@ -501,14 +444,13 @@ TEST_P(FailingCallTest, IsLogged) {
   FailingCall const& failing = GetParam();
   if (failing.hasTwoNames) fs::create_hard_link(path, folder / "second");
   std::size_t const before = entries();
-  auto const child = runInChild([&] {
-    if (!vrxutil::test::inject({failing.name, failing.calls, vrxutil::test::failsWith(EIO)})) {
-      ::_exit(kNotAllowed);
+  expectAllowedInChild(kNotInjected, [&] {
+    if (!inject({failing.name, failing.calls, failsWith(EIO)})) {
+      leaveAsNotAllowed();
     }
     EXPECT_EQ(change(widePath), failed(failing.action, widePath, EIO));
   });
-  if (isNotAllowed(child.status)) GTEST_SKIP() << kNotInjected;
-  EXPECT_EQ(child.status, 0) << child.standardError;
+  if (IsSkipped()) return;
   EXPECT_EQ(fileBytes(path), failing.bytes);
   EXPECT_EQ(entries(), before);
 }
@@ -564,7 +506,7 @@ TEST_F(AnIni2WriteTest, KilledWriterLeavesTheOldFileOrTheNewOne) {
     // Not to wait for anything, but to meet it anywhere.
     std::this_thread::sleep_for(std::chrono::microseconds(random() % 6000));
     ASSERT_EQ(::kill(child, SIGKILL), 0);
-    int const status = vrxutil::test::waitFor(child);
+    int const status = waitFor(child);
     ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
     std::string const bytes = fileBytes(path);
     ASSERT_TRUE(bytes == first || bytes == second) << round << ": " << bytes.size();
@@ -572,3 +514,4 @@ TEST_F(AnIni2WriteTest, KilledWriterLeavesTheOldFileOrTheNewOne) {
 }
 
 }  // namespace
+}  // namespace vrxutil::test

@@ -12,22 +12,9 @@
 #include <filesystem>
 #include <ostream>
 #include <string>
-#include <vector>
 
-namespace vrxutil {
-
+namespace vrxutil::test {
 namespace {
-
-using test::detailRecord;
-using test::errorRecord;
-using test::fileBytes;
-using test::LocaleScope;
-using test::LogRecord;
-using test::LogRecorder;
-using test::makeFile;
-using test::TemporaryFolder;
-
-using Records = std::vector<LogRecord>;
 
 Records const kNothing;
 
@@ -312,5 +299,4 @@ TEST(AnIniTest, DestructorIsVirtualAndClosesItsOwnPart) {
 }
 
 }  // namespace
-
-}  // namespace vrxutil
+}  // namespace vrxutil::test

@@ -1,5 +1,5 @@
-// How much a test takes from the free store. A program that links this has an
-// operator new that counts.
+// How much a test or a benchmark takes from the free store. A program that links
+// this has an operator new that counts.
 
 #pragma once
 

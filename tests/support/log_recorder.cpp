@@ -58,21 +58,21 @@ void LogRecorder::logMessage(LogLevel const& level, std::wstring const& group,
   records_.push_back({level, group, message});
 }
 
-std::vector<LogRecord> LogRecorder::records() const {
+Records LogRecorder::records() const {
   std::lock_guard const lock(mutex_);
   return records_;
 }
 
-std::vector<LogRecord> LogRecorder::errors() const {
-  std::vector<LogRecord> const all = records();
-  std::vector<LogRecord> found;
+Records LogRecorder::errors() const {
+  Records const all = records();
+  Records found;
   std::copy_if(all.begin(), all.end(), std::back_inserter(found),
                [](LogRecord const& record) { return record.level == LogLevel::error; });
   return found;
 }
 
-std::vector<LogRecord> LogRecorder::plainErrors() const {
-  std::vector<LogRecord> plain;
+Records LogRecorder::plainErrors() const {
+  Records plain;
   bool inTrace = false;
   for (LogRecord record : errors()) {
     if (record.message == L"Error trace:") {

@@ -20,6 +20,8 @@ struct LogRecord {
   bool operator==(LogRecord const&) const = default;
 };
 
+using Records = std::vector<LogRecord>;
+
 inline LogRecord detailRecord(std::wstring group, std::wstring message) {
   return {vornix_com::oxa::logger::LogLevel::detail, std::move(group), std::move(message)};
 }
@@ -51,14 +53,14 @@ public:
                   std::wstring const& message) override;
 
   /// All records since the last clear(), in order.
-  std::vector<LogRecord> records() const;
+  Records records() const;
 
   /// Those at level error alone.
-  std::vector<LogRecord> errors() const;
+  Records errors() const;
 
   /// The errors without the lines of the trace: an error logged by logError()
   /// counts as one record, its message without the indent.
-  std::vector<LogRecord> plainErrors() const;
+  Records plainErrors() const;
 
   void clear();
 
@@ -71,7 +73,7 @@ public:
 private:
   vornix_com::oxa::logger::ILogger* before_;
   mutable std::mutex mutex_;
-  std::vector<LogRecord> records_;
+  Records records_;
   std::vector<std::wstring> setupCalls_;
   bool detailEnabled_ = false;
 };

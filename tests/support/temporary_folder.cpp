@@ -26,6 +26,11 @@ std::wstring TemporaryFolder::wide(std::string const& name) const {
   return {narrow.begin(), narrow.end()};  // ASCII
 }
 
+std::size_t entryCount(std::string const& folder) {
+  std::filesystem::directory_iterator const entries(folder);
+  return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
+}
+
 std::string fileBytes(std::string const& path) {
   std::ifstream file(path, std::ios::binary);
   EXPECT_TRUE(file.is_open()) << "cannot open " << path;

@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 namespace vrxutil::test {
@@ -24,6 +25,9 @@ public:
 private:
   std::string path_;
 };
+
+/// How many entries a folder has, those of folders in it not counted.
+std::size_t entryCount(std::string const& folder);
 
 /// The bytes of a file; fails the test where it cannot be read.
 std::string fileBytes(std::string const& path);
