@@ -3,16 +3,18 @@
 #include <vrxutil/binary.h>
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <memory>
 #include <new>
 
+using vrxutil::detail::compactBase64;
 using vrxutil::detail::decodeBase64Groups;
-using vrxutil::detail::encodeBase64Groups;
+using vrxutil::detail::encodeBase64Text;
+using vrxutil::detail::isBase64Value;
 using vrxutil::detail::kBase64Alphabet;
-using vrxutil::detail::kBase64BulkGroups;
-using vrxutil::detail::kBase64Values;
-using vrxutil::detail::kNoBase64Value;
+using vrxutil::detail::kBase64CompactionBlock;
+using vrxutil::detail::valueOfBase64;
 
 namespace {
 
@@ -21,16 +23,15 @@ constexpr unsigned long kLengthOfText = 0x7FFFFFFF;
 
 constexpr unsigned kSixBits = 0x3F;
 
-}  // namespace
-
-unsigned long Base64Encode(void const* source, unsigned long sourceLength, char* target,
-                           unsigned long targetLength, int* state, unsigned long* consumed) {
+/// What Base64Encode() does where something waits, or the target may be too small.
+// Not inline: short texts would pay for the registers.
+[[gnu::noinline]] unsigned long encodePiece(unsigned char const* bytes, unsigned long length,
+                                            char* target, unsigned long targetLength, int* state,
+                                            unsigned long* consumed) {
   // Of the carry, only bits 2 to 5 are taken back: callers rely on it.
   unsigned const before = state != nullptr ? static_cast<unsigned>(*state) : 0;
   unsigned phase = before >> 6 & 3;
   unsigned carry = before & 0x3C;
-  auto const* const bytes = static_cast<unsigned char const*>(source);
-  unsigned long const length = bytes != nullptr ? sourceLength : 0;
   unsigned long used = 0;
   unsigned long written = 0;
   auto const put = [&](unsigned value) { target[written++] = kBase64Alphabet[value]; };
@@ -39,10 +40,9 @@ unsigned long Base64Encode(void const* source, unsigned long sourceLength, char*
   while (bytes != nullptr) {
     if (phase == 0) {
       unsigned long const groups = std::min((length - used) / 3, (targetLength - written) / 4);
-      if (groups >= kBase64BulkGroups) {
-        encodeBase64Groups(bytes + used, groups, target + written);
+      if (groups > 0) {
+        written += encodeBase64Text(bytes + used, 3 * groups, target + written);
         used += 3 * groups;
-        written += 4 * groups;
         carry = 0;
       }
       if (!canRead()) break;
@@ -83,38 +83,39 @@ unsigned long Base64Encode(void const* source, unsigned long sourceLength, char*
   return written;
 }
 
-unsigned long Base64Decode(char const* source, unsigned long sourceLength, void* target,
-                           unsigned long targetLength, int* state, unsigned long* consumed) {
-  unsigned long const length = sourceLength < kLengthOfText ? sourceLength : std::strlen(source);
-  unsigned const before = state != nullptr ? static_cast<unsigned>(*state) : 0;
-  unsigned phase = before & 3;
-  unsigned carry = before & 0xFC;
-  auto* const bytes = static_cast<unsigned char*>(target);
-  unsigned long used = 0;
-  unsigned long written = 0;
-  auto const put = [&](unsigned value) { bytes[written++] = static_cast<unsigned char>(value); };
+/// A text and how far it is decoded.
+struct Decoding {
+  char const* source;
+  unsigned long length;
+  unsigned char* target;
+  unsigned long room;
+  unsigned phase;
+  unsigned carry;
+  unsigned long used;
+  unsigned long written;
 
-  while (used < length && written < targetLength) {
-    auto const character = static_cast<unsigned char>(source[used]);
-    unsigned const value = kBase64Values[character];
-    if (value == kNoBase64Value) {
-      if (character == '=') phase = 0;
-      ++used;
-      continue;
+  bool isAtEnd() const { return used == length || written == room; }
+};
+
+/// Decodes a character at a time, up to `limit` and on to where a group begins.
+// What it counts stands in variables of its own: each byte written might change what
+// is reached by a reference.
+void decodeCharacters(Decoding& text, unsigned long limit) {
+  char const* const source = text.source;
+  unsigned char* const target = text.target;
+  unsigned phase = text.phase;
+  unsigned carry = text.carry;
+  unsigned long used = text.used;
+  unsigned long written = text.written;
+  auto const put = [&](unsigned bits) { target[written++] = static_cast<unsigned char>(bits); };
+  auto const decodeOne = [&] {
+    char const character = source[used++];
+    if (character == '=') {
+      phase = 0;
+      return;
     }
-    if (phase == 0 && length - used >= 4 * kBase64BulkGroups &&
-        targetLength - written >= 3 * kBase64BulkGroups) {
-      unsigned long const groups = decodeBase64Groups(
-          source + used, std::min((length - used) / 4, (targetLength - written) / 3),
-          bytes + written);
-      if (groups > 0) {
-        used += 4 * groups;
-        written += 3 * groups;
-        carry = bytes[written - 1] & 0xC0;
-        continue;
-      }
-    }
-    ++used;
+    unsigned const value = valueOfBase64(character);
+    if (!isBase64Value(value)) return;
     switch (phase) {
       case 0:
         carry = value << 2;
@@ -134,6 +135,161 @@ unsigned long Base64Decode(char const* source, unsigned long sourceLength, void*
         put(carry | value);
         phase = 0;
     }
+  };
+  unsigned long const length = text.length;
+  unsigned long const room = text.room;
+  while (used < limit && written < room) decodeOne();
+  while (phase != 0 && used < length && written < room) decodeOne();
+  text.phase = phase;
+  text.carry = carry;
+  text.used = used;
+  text.written = written;
+}
+
+/// What is carried at the `end` of a whole group.
+unsigned carryBehind(unsigned char const* end) { return end[-1] & 0xC0U; }
+
+/// Decodes whole groups of `characters`, up to one with a character outside the
+/// alphabet; returns how many that are. No group is begun before.
+unsigned long decodeGroups(Decoding& text, char const* characters, unsigned long count) {
+  unsigned long const groups = decodeBase64Groups(
+      characters, std::min(count / 4, (text.room - text.written) / 3), text.target + text.written);
+  if (groups == 0) return 0;
+  text.written += 3 * groups;
+  text.carry = carryBehind(text.target + text.written);
+  return groups;
+}
+
+void decodeCleanGroups(Decoding& text) {
+  text.used += 4 * decodeGroups(text, text.source + text.used, text.length - text.used);
+}
+
+/// A stretch of a text without what is not in the alphabet: what remains of it
+/// decodes faster than what it comes from.
+constexpr unsigned long kStretch = 256;
+
+/// Decodes from where a group begins, until near the end of the source or of the
+/// target, or near a "=".
+void decodeStretches(Decoding& text) {
+  std::array<char, kStretch + kBase64CompactionBlock> kept;
+  unsigned long waiting = 0;
+  // A stretch and what waits before it give fewer bytes than the stretch has
+  // characters, and four.
+  while (text.length - text.used >= kBase64CompactionBlock &&
+         text.room - text.written >= kBase64CompactionBlock + 4) {
+    unsigned long const size =
+        std::min({kStretch - waiting, text.length - text.used, text.room - text.written - 4});
+    auto const [read, count] = compactBase64(text.source + text.used, size, kept.data() + waiting);
+    if (read == 0) break;
+    text.used += read;
+    waiting += count;
+    unsigned long const groups = decodeGroups(text, kept.data(), waiting);
+    std::copy_n(kept.data() + 4 * groups, 4, kept.data());
+    waiting -= 4 * groups;
+    if (count < read) continue;
+    // Clean: what waits is what was read last.
+    text.used -= waiting;
+    waiting = 0;
+    decodeCleanGroups(text);
+  }
+  if (waiting == 0) return decodeCleanGroups(text);
+  Decoding rest{kept.data(), waiting, text.target, text.room, 0, text.carry, 0, text.written};
+  decodeCharacters(rest, waiting);
+  text.phase = rest.phase;
+  text.carry = rest.carry;
+  text.written = rest.written;
+}
+
+/// Fewer characters in a stretch are not worth trying again soon.
+constexpr unsigned long kWorthwhile = 32;
+
+constexpr unsigned long kLongestWait = 4096;
+
+/// What Base64Decode() does with all but a clean text.
+// Not inline: short texts would pay for the registers.
+[[gnu::noinline]] void decodeRest(Decoding& text) {
+  unsigned long wait = 1;
+  for (;;) {
+    unsigned long const left = text.length - text.used;
+    bool const isShort = left < kBase64CompactionBlock;
+    decodeCharacters(text, text.used + (isShort ? left : std::min(wait, left)));
+    if (text.isAtEnd()) return;
+    unsigned long const start = text.used;
+    decodeStretches(text);
+    wait = text.used - start >= kWorthwhile ? 1 : std::clamp(8 * wait, kWorthwhile, kLongestWait);
+  }
+}
+
+/// Decodes "TQ==" or "TWE="; returns the number of bytes, 0 for what is neither or
+/// for lack of room.
+unsigned long decodeLastGroup(char const* group, unsigned char* target, unsigned long room,
+                              unsigned& carry) {
+  unsigned const first = valueOfBase64(group[0]);
+  unsigned const second = valueOfBase64(group[1]);
+  unsigned const third = valueOfBase64(group[2]);
+  bool const hasThird = isBase64Value(third);
+  unsigned long const count = hasThird ? 2 : 1;
+  bool const isOne =
+      isBase64Value(first | second) && (hasThird || group[2] == '=') && group[3] == '=';
+  if (!isOne || room < count) return 0;
+  target[0] = static_cast<unsigned char>(first << 2 | second >> 4);
+  carry = second << 4 & 0xFF;
+  if (!hasThird) return 1;
+  target[1] = static_cast<unsigned char>(carry | third >> 2);
+  carry = third << 6 & 0xFF;
+  return 2;
+}
+
+}  // namespace
+
+unsigned long Base64Encode(void const* source, unsigned long sourceLength, char* target,
+                           unsigned long targetLength, int* state, unsigned long* consumed) {
+  auto const* const bytes = static_cast<unsigned char const*>(source);
+  unsigned long const length = bytes != nullptr ? sourceLength : 0;
+  bool const waits = state != nullptr && (*state & 0xFC) != 0;
+  if (waits || length > targetLength / 4 * 3) {
+    return encodePiece(bytes, length, target, targetLength, state, consumed);
+  }
+  if (state != nullptr) *state = 0;
+  if (consumed != nullptr) *consumed = length;
+  return encodeBase64Text(bytes, length, target);
+}
+
+unsigned long Base64Decode(char const* source, unsigned long sourceLength, void* target,
+                           unsigned long targetLength, int* state, unsigned long* consumed) {
+  unsigned const before = state != nullptr ? static_cast<unsigned>(*state) : 0;
+  unsigned long const length = sourceLength < kLengthOfText ? sourceLength : std::strlen(source);
+  auto* const bytes = static_cast<unsigned char*>(target);
+  unsigned phase = before & 3;
+  unsigned carry = before & 0xFC;
+  unsigned long used = 0;
+  unsigned long written = 0;
+  if (phase == 0) {
+    unsigned long const groups =
+        decodeBase64Groups(source, std::min(length / 4, targetLength / 3), bytes);
+    used = 4 * groups;
+    written = 3 * groups;
+    if (groups > 0) carry = carryBehind(bytes + written);
+    if (length - used == 4) {
+      unsigned long const count =
+          decodeLastGroup(source + used, bytes + written, targetLength - written, carry);
+      if (count > 0) {
+        written += count;
+        used = length;
+        if (written == targetLength) {  // so that the padding is not looked at
+          used = length - 3 + count;
+          phase = static_cast<unsigned>(count) + 1;
+        }
+      }
+    }
+  }
+  if (used < length && written < targetLength) {
+    Decoding rest{source, length, bytes, targetLength, phase, carry, used, written};
+    decodeRest(rest);
+    phase = rest.phase;
+    carry = rest.carry;
+    used = rest.used;
+    written = rest.written;
   }
   if (state != nullptr) *state = static_cast<int>(carry | phase);
   if (consumed != nullptr) *consumed = used;

@@ -4,8 +4,8 @@
 #include <cstring>
 
 #if (defined __x86_64__ || defined __i386__) && !defined VRXUTIL_NO_AVX2
-#define VRXUTIL_HAS_AVX2 1
 #include <immintrin.h>
+#define VRXUTIL_AVX2 __attribute__((target("avx2,popcnt")))
 #endif
 
 namespace vrxutil::detail {
@@ -21,23 +21,40 @@ void encodeGroup(unsigned char const* source, char* target) {
   target[3] = kBase64Alphabet[bits & 0x3F];
 }
 
-unsigned valueOf(char character) { return kBase64Values[static_cast<unsigned char>(character)]; }
-
 /// False when a character is not in the alphabet.
 bool decodeGroup(char const* source, unsigned char* target) {
-  unsigned const a = valueOf(source[0]);
-  unsigned const b = valueOf(source[1]);
-  unsigned const c = valueOf(source[2]);
-  unsigned const d = valueOf(source[3]);
-  if ((a | b | c | d) == kNoBase64Value) return false;
+  unsigned const a = valueOfBase64(source[0]);
+  unsigned const b = valueOfBase64(source[1]);
+  unsigned const c = valueOfBase64(source[2]);
+  unsigned const d = valueOfBase64(source[3]);
+  if (!isBase64Value(a | b | c | d)) return false;
   target[0] = static_cast<unsigned char>(a << 2 | b >> 4);
   target[1] = static_cast<unsigned char>(b << 4 | c >> 2);
   target[2] = static_cast<unsigned char>(c << 6 | d);
   return true;
 }
 
-void encodeSomeGroups(unsigned char const* source, std::size_t groups, char* target) {
-  for (std::size_t i = 0; i < groups; ++i) encodeGroup(source + 3 * i, target + 4 * i);
+/// Encodes the one or two bytes that a text may end with.
+void encodeLastGroup(unsigned char const* source, std::size_t size, char* target) {
+  bool const hasSecond = size == 2;
+  unsigned const first = source[0];
+  unsigned const second = hasSecond ? source[1] : 0;
+  target[0] = kBase64Alphabet[first >> 2];
+  target[1] = kBase64Alphabet[(first << 4 | second >> 4) & 0x3F];
+  target[2] = hasSecond ? kBase64Alphabet[second << 2 & 0x3F] : '=';
+  target[3] = '=';
+}
+
+/// Returns the end of the text.
+char* encodeGroupByGroup(unsigned char const* source, std::size_t size, char* target) {
+  for (; size >= 3; size -= 3) {
+    encodeGroup(source, target);
+    source += 3;
+    target += 4;
+  }
+  if (size == 0) return target;
+  encodeLastGroup(source, size, target);
+  return target + 4;
 }
 
 std::size_t decodeSomeGroups(char const* source, std::size_t groups, unsigned char* target) {
@@ -46,7 +63,7 @@ std::size_t decodeSomeGroups(char const* source, std::size_t groups, unsigned ch
   return done;
 }
 
-#ifdef VRXUTIL_HAS_AVX2
+#ifdef VRXUTIL_AVX2
 
 // W. Mula and D. Lemire, "Faster Base64 Encoding and Decoding using AVX2
 // Instructions", ACM Transactions on the Web 12 (2018): eight groups at a time, in
@@ -54,7 +71,9 @@ std::size_t decodeSomeGroups(char const* source, std::size_t groups, unsigned ch
 
 constexpr std::size_t kGroupsAtOnce = 8;
 
-bool hasAvx2() { return __builtin_cpu_supports("avx2") != 0; }
+bool hasAvx2() {
+  return __builtin_cpu_supports("avx2") != 0 && __builtin_cpu_supports("popcnt") != 0;
+}
 
 /// A constant for both halves.
 struct alignas(32) Block {
@@ -71,7 +90,7 @@ constexpr Block repeated(std::array<int, kSize> const& pattern) {
   return block;
 }
 
-__attribute__((target("avx2"))) __m256i load(Block const& block) {
+VRXUTIL_AVX2 __m256i load(Block const& block) {
   return _mm256_load_si256(reinterpret_cast<__m256i const*>(&block));
 }
 
@@ -84,7 +103,7 @@ constexpr Block kSecondAndFourth = repeated(std::array{0xF0, 0x03, 0x3F, 0x00});
 constexpr Block kSecondAndFourthShift = repeated(std::array{0x10, 0x00, 0x00, 0x01});
 
 /// 6-bit values, a byte each, of the 12 bytes that each half begins with.
-__attribute__((target("avx2"))) __m256i splitInSixBits(__m256i bytes) {
+VRXUTIL_AVX2 __m256i splitInSixBits(__m256i bytes) {
   __m256i const spread = _mm256_shuffle_epi8(bytes, load(kSpread));
   __m256i const firstAndThird =
       _mm256_mulhi_epu16(_mm256_and_si256(spread, load(kFirstAndThird)), load(kFirstAndThirdShift));
@@ -103,47 +122,40 @@ constexpr Block kLastUpper = repeated(std::array{25});
 
 /// The characters of 6-bit values: each range of the alphabet is its values and a
 /// constant.
-__attribute__((target("avx2"))) __m256i toCharacters(__m256i values) {
+VRXUTIL_AVX2 __m256i toCharacters(__m256i values) {
   __m256i const beyondLetters = _mm256_subs_epu8(values, load(kLastLetter));
   __m256i const isNotUpper = _mm256_cmpgt_epi8(values, load(kLastUpper));
   __m256i const range = _mm256_sub_epi8(beyondLetters, isNotUpper);
   return _mm256_add_epi8(values, _mm256_shuffle_epi8(load(kOffsetsOfValues), range));
 }
 
-__attribute__((target("avx2"))) __m128i load12(unsigned char const* source) {
-  std::int32_t last = 0;
-  std::memcpy(&last, source + 8, sizeof last);
-  return _mm_insert_epi32(_mm_loadl_epi64(reinterpret_cast<__m128i const*>(source)), last, 2);
+VRXUTIL_AVX2 __m128i load16(void const* source) {
+  return _mm_loadu_si128(static_cast<__m128i const*>(source));
 }
 
-/// Encodes a half block.
-__attribute__((target("avx2"))) void encodeFourGroups(unsigned char const* source, char* target) {
-  __m256i const block = _mm256_castsi128_si256(load12(source));
-  _mm_storeu_si128(reinterpret_cast<__m128i*>(target),
-                   _mm256_castsi256_si128(toCharacters(splitInSixBits(block))));
-}
+VRXUTIL_AVX2 __m256i toBase64(__m256i bytes) { return toCharacters(splitInSixBits(bytes)); }
 
-__attribute__((target("avx2"))) void encodeWithAvx2(unsigned char const* source, std::size_t groups,
-                                                    char* target) {
-  std::size_t done = 0;
-  // The second half is loaded as 16 bytes of which it needs 12.
-  for (; groups - done >= kGroupsAtOnce + 2; done += kGroupsAtOnce) {
-    auto const* const bytes = reinterpret_cast<__m128i const*>(source + 3 * done);
-    auto const* const later = reinterpret_cast<__m128i const*>(source + 3 * done + 12);
-    __m256i const block = _mm256_set_m128i(_mm_loadu_si128(later), _mm_loadu_si128(bytes));
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(target + 4 * done),
-                        toCharacters(splitInSixBits(block)));
+// Of what is loaded for a half.
+constexpr std::size_t kHalfBytes = 12;
+constexpr std::size_t kBytesLoaded = 16;
+
+VRXUTIL_AVX2 std::size_t encodeWithAvx2(unsigned char const* source, std::size_t size,
+                                        char* target) {
+  char* next = target;
+  for (; size >= kHalfBytes + kBytesLoaded; size -= 2 * kHalfBytes) {
+    __m256i const block = _mm256_set_m128i(load16(source + kHalfBytes), load16(source));
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(next), toBase64(block));
+    source += 2 * kHalfBytes;
+    next += 32;
   }
-  // Not a loop, before which compilers would put all constants in registers.
-  if (groups - done >= 8) {
-    encodeFourGroups(source + 3 * done, target + 4 * done);
-    done += 4;
+  if (size >= kBytesLoaded) {
+    __m256i const half = _mm256_castsi128_si256(load16(source));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(next), _mm256_castsi256_si128(toBase64(half)));
+    source += kHalfBytes;
+    next += 16;
+    size -= kHalfBytes;
   }
-  if (groups - done >= 4) {
-    encodeFourGroups(source + 3 * done, target + 4 * done);
-    done += 4;
-  }
-  encodeSomeGroups(source + 3 * done, groups - done, target + 4 * done);
+  return static_cast<std::size_t>(encodeGroupByGroup(source, size, next) - target);
 }
 
 // A character is in the alphabet if no bit is set both for its low half and for its
@@ -157,16 +169,24 @@ constexpr Block kOffsetsOfCharacters =
 // Also a mask: of what it keeps beyond the low half, shuffles take no notice.
 constexpr Block kSlash = repeated(std::array{static_cast<int>('/')});
 
+/// The high halves, with what shuffles take no notice of.
+VRXUTIL_AVX2 __m256i highHalves(__m256i characters) {
+  return _mm256_and_si256(_mm256_srli_epi32(characters, 4), load(kSlash));
+}
+
+/// Zero where a character is in the alphabet.
+VRXUTIL_AVX2 __m256i faultsOf(__m256i characters, __m256i high) {
+  __m256i const low = _mm256_and_si256(characters, load(kSlash));
+  return _mm256_and_si256(_mm256_shuffle_epi8(load(kBitsOfLow), low),
+                          _mm256_shuffle_epi8(load(kBitsOfHigh), high));
+}
+
 /// The 6-bit values of 32 characters; false when one is not in the alphabet.
-__attribute__((target("avx2"))) bool toValues(__m256i characters, __m256i& values) {
-  __m256i const slash = load(kSlash);
-  __m256i const high = _mm256_and_si256(_mm256_srli_epi32(characters, 4), slash);
-  __m256i const low = _mm256_and_si256(characters, slash);
-  if (_mm256_testz_si256(_mm256_shuffle_epi8(load(kBitsOfLow), low),
-                         _mm256_shuffle_epi8(load(kBitsOfHigh), high)) == 0) {
-    return false;
-  }
-  __m256i const range = _mm256_add_epi8(_mm256_cmpeq_epi8(characters, slash), high);
+VRXUTIL_AVX2 bool toValues(__m256i characters, __m256i& values) {
+  __m256i const high = highHalves(characters);
+  __m256i const faults = faultsOf(characters, high);
+  if (_mm256_testz_si256(faults, faults) == 0) return false;
+  __m256i const range = _mm256_add_epi8(_mm256_cmpeq_epi8(characters, load(kSlash)), high);
   values = _mm256_add_epi8(characters, _mm256_shuffle_epi8(load(kOffsetsOfCharacters), range));
   return true;
 }
@@ -177,28 +197,28 @@ constexpr Block kBytesOfGroups =
     repeated(std::array{2, 1, 0, 6, 5, 4, 10, 9, 8, 14, 13, 12, -1, -1, -1, -1});
 
 /// 12 bytes at the start of each half, from 32 values.
-__attribute__((target("avx2"))) __m256i joinSixBits(__m256i values) {
+VRXUTIL_AVX2 __m256i joinSixBits(__m256i values) {
   __m256i const pairs = _mm256_maddubs_epi16(values, load(kPairShift));
   return _mm256_shuffle_epi8(_mm256_madd_epi16(pairs, load(kGroupShift)), load(kBytesOfGroups));
 }
 
-__attribute__((target("avx2"))) void store12(__m128i bytes, unsigned char* target) {
+VRXUTIL_AVX2 void store12(__m128i bytes, unsigned char* target) {
   std::int32_t const last = _mm_extract_epi32(bytes, 2);
   _mm_storel_epi64(reinterpret_cast<__m128i*>(target), bytes);
   std::memcpy(target + 8, &last, sizeof last);
 }
 
 /// Decodes a half block; false when a character is not in the alphabet.
-__attribute__((target("avx2"))) bool decodeFourGroups(char const* source, unsigned char* target) {
-  __m128i const characters = _mm_loadu_si128(reinterpret_cast<__m128i const*>(source));
+VRXUTIL_AVX2 bool decodeFourGroups(char const* source, unsigned char* target) {
+  __m128i const characters = load16(source);
   __m256i values;
   if (!toValues(_mm256_broadcastsi128_si256(characters), values)) return false;
   store12(_mm256_castsi256_si128(joinSixBits(values)), target);
   return true;
 }
 
-__attribute__((target("avx2"))) std::size_t decodeWithAvx2(char const* source, std::size_t groups,
-                                                           unsigned char* target) {
+VRXUTIL_AVX2 std::size_t decodeWithAvx2(char const* source, std::size_t groups,
+                                        unsigned char* target) {
   std::size_t done = 0;
   for (; groups - done >= kGroupsAtOnce; done += kGroupsAtOnce) {
     __m256i values;
@@ -212,22 +232,67 @@ __attribute__((target("avx2"))) std::size_t decodeWithAvx2(char const* source, s
   return done + decodeSomeGroups(source + 4 * done, groups - done, target + 3 * done);
 }
 
+/// The places of each set of eight, in their order.
+constexpr auto kPlaces = [] {
+  std::array<std::array<std::uint8_t, 8>, 256> places{};
+  for (std::size_t set = 0; set < places.size(); ++set) {
+    std::size_t count = 0;
+    for (std::uint8_t i = 0; i < 8; ++i) {
+      if ((set >> i & 1) != 0) places[set][count++] = i;
+    }
+  }
+  return places;
+}();
+
+/// Writes those of the first eight characters that are in the `set`; returns their end.
+VRXUTIL_AVX2 char* keepSome(__m128i characters, unsigned set, char* target) {
+  auto const* const places = reinterpret_cast<__m128i const*>(kPlaces[set].data());
+  _mm_storel_epi64(reinterpret_cast<__m128i*>(target),
+                   _mm_shuffle_epi8(characters, _mm_loadl_epi64(places)));
+  return target + __builtin_popcount(set);
+}
+
+VRXUTIL_AVX2 Base64Compaction compactWithAvx2(char const* source, std::size_t size, char* target) {
+  __m128i const padding = _mm_set1_epi8('=');
+  std::size_t read = 0;
+  char* next = target;
+  for (; size - read >= kBase64CompactionBlock; read += kBase64CompactionBlock) {
+    __m128i const characters = load16(source + read);
+    if (_mm_movemask_epi8(_mm_cmpeq_epi8(characters, padding)) != 0) break;
+    __m256i const block = _mm256_castsi128_si256(characters);
+    __m128i const faults = _mm256_castsi256_si128(faultsOf(block, highHalves(block)));
+    auto const good =
+        static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(faults, _mm_setzero_si128())));
+    next = keepSome(characters, good & 0xFF, next);
+    next = keepSome(_mm_srli_si128(characters, 8), good >> 8, next);
+  }
+  return {read, static_cast<std::size_t>(next - target)};
+}
+
 #endif
 
 }  // namespace
 
-void encodeBase64Groups(unsigned char const* source, std::size_t groups, char* target) {
-#ifdef VRXUTIL_HAS_AVX2
-  if (hasAvx2()) return encodeWithAvx2(source, groups, target);
+std::size_t encodeBase64Text(unsigned char const* source, std::size_t size, char* target) {
+#ifdef VRXUTIL_AVX2
+  if (size >= kBytesLoaded && hasAvx2()) return encodeWithAvx2(source, size, target);
 #endif
-  encodeSomeGroups(source, groups, target);
+  return static_cast<std::size_t>(encodeGroupByGroup(source, size, target) - target);
 }
 
 std::size_t decodeBase64Groups(char const* source, std::size_t groups, unsigned char* target) {
-#ifdef VRXUTIL_HAS_AVX2
-  if (hasAvx2()) return decodeWithAvx2(source, groups, target);
+#ifdef VRXUTIL_AVX2
+  if (groups >= kGroupsAtOnce / 2 && hasAvx2()) return decodeWithAvx2(source, groups, target);
 #endif
   return decodeSomeGroups(source, groups, target);
+}
+
+Base64Compaction compactBase64([[maybe_unused]] char const* source,
+                               [[maybe_unused]] std::size_t size, [[maybe_unused]] char* target) {
+#ifdef VRXUTIL_AVX2
+  if (hasAvx2()) return compactWithAvx2(source, size, target);
+#endif
+  return {0, 0};
 }
 
 }  // namespace vrxutil::detail

@@ -27,15 +27,33 @@ inline constexpr auto kBase64Values = [] {
   return values;
 }();
 
-/// Fewer groups are not worth a call.
-inline constexpr std::size_t kBase64BulkGroups = 4;
+inline unsigned valueOfBase64(char character) {
+  return kBase64Values[static_cast<unsigned char>(character)];
+}
 
-/// Writes 4 * `groups` characters for 3 * `groups` bytes, and nothing behind them.
-void encodeBase64Groups(unsigned char const* source, std::size_t groups, char* target);
+/// Of a value, or of several joined by "or": whether all are of the alphabet.
+inline bool isBase64Value(unsigned value) { return value < kBase64Alphabet.size(); }
+
+/// Encodes `size` bytes as a text of its own, with its padding, and writes nothing
+/// behind it; returns its length.
+std::size_t encodeBase64Text(unsigned char const* source, std::size_t size, char* target);
 
 /// Writes three bytes for each four characters, of at most `groups` groups, up to
 /// the first that has a character outside the alphabet; returns how many that are.
 /// Nothing is written behind them.
 std::size_t decodeBase64Groups(char const* source, std::size_t groups, unsigned char* target);
+
+/// compactBase64() reads blocks of this size, and may write as much behind its result.
+inline constexpr std::size_t kBase64CompactionBlock = 16;
+
+struct Base64Compaction {
+  std::size_t read;
+  std::size_t kept;
+};
+
+/// Copies the characters of the alphabet out of whole blocks of at most `size`
+/// characters, up to the first block that has a "=". Reads nothing on a host where
+/// that takes as long as decoding them.
+Base64Compaction compactBase64(char const* source, std::size_t size, char* target);
 
 }  // namespace vrxutil::detail

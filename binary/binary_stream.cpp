@@ -1,79 +1,47 @@
+#include "text/conversion.h"
+
 #include <vrxutil/binary.h>
 #include <vrxutil/log.h>
 
 #include <algorithm>
-#include <bit>
+#include <string_view>
 
-ABinaryStream::ABinaryStream(bool isLittleEndian) noexcept {
-  construct(nullptr, nullptr, isLittleEndian);
+using vrxutil::detail::lowerHalfIsAscii;
+
+namespace {
+
+/// Where ASCII is part of the locale's encoding, it is not converted.
+bool isAscii(wchar_t character) { return character > 0 && character < 0x80; }
+
+void fillWithNul(unsigned char* begin, unsigned char const* end) {
+  std::fill_n(begin, end - begin, static_cast<unsigned char>(0));
 }
 
-ABinaryStream::ABinaryStream(unsigned char* start, unsigned long length,
-                             bool isLittleEndian) noexcept {
-  construct(start, start, isLittleEndian);
-  setPointer(start, length);
+}  // namespace
+
+void ABinaryStream::reportExcess(long count) {
+  logInternalError(L"BinStrm", AString(L"Tried to write past buffer end by ") << count);
 }
 
-void ABinaryStream::construct(unsigned char* start, unsigned char* rangeEnd,
-                              bool isLittleEndian) noexcept {
-  cursor = start;
-  end = rangeEnd;
-  hostIsLittleEndian = std::endian::native == std::endian::little ? 1 : 0;
-  littleEndian = isLittleEndian ? 1 : 0;
-  overflow = 0;
+void ABinaryStream::assign(AString& out, std::string_view field) {
+  out = std::string(field).c_str();
 }
 
-// A length that no memory has comes round: nothing fits then.
-void ABinaryStream::setPointer(unsigned char* start, unsigned long length) noexcept {
-  cursor = start;
-  end = reinterpret_cast<unsigned char*>(addressOf(start) + length);
-  overflow = 0;
-}
-
-bool ABinaryStream::pastEndError() const {
-  if (overflow == 0) return false;
-  auto const excess = static_cast<long>(addressOf(cursor) - addressOf(end));
-  logInternalError(L"BinStrm", AString(L"Tried to write past buffer end by ") << excess);
-  return true;
-}
-
-/// The next field, which the cursor stays before; nothing where it does not fit.
-std::string_view ABinaryStream::nextBytes(int length) noexcept {
-  auto const count = static_cast<unsigned long>(length);
-  if (pastEndWith(count)) return {};
-  return {reinterpret_cast<char const*>(cursor), count};
-}
-
-// A result for which there is no memory leaves the cursor before its field.
-
-void ABinaryStream::readString(int length, AString& out) {
-  std::string_view const bytes = nextBytes(length);
-  out = std::string(bytes).c_str();
-  skip(bytes.size());
-}
-
-void ABinaryStream::readString(int length, std::string& out) {
-  std::string_view const bytes = nextBytes(length);
-  out = bytes.substr(0, bytes.find('\0'));
-  skip(bytes.size());
-}
-
-void ABinaryStream::readBuffer(int length, AnObjectBuffer<unsigned char>& out) {
-  std::string_view const bytes = nextBytes(length);
-  out.allocate(bytes.size(), reinterpret_cast<unsigned char const*>(bytes.data()));
-  skip(bytes.size());
-}
-
-void ABinaryStream::writeString(unsigned long length, AString const& text) {
-  if (pastEndWith(length)) return;
+void ABinaryStream::writeField(unsigned char* field, unsigned long length, AString const& text) {
+  wchar_t const* next = text;
+  unsigned char* const end = field + length;
+  unsigned char* place = field;
+  while (place != end && isAscii(*next)) *place++ = static_cast<unsigned char>(*next++);
+  if ((place == end || *next == 0) && lowerHalfIsAscii()) return fillWithNul(place, end);
   ACharString const narrow(text);
-  auto const copied = std::min(length, static_cast<unsigned long>(narrow.size()));
-  std::fill_n(std::copy_n(static_cast<char const*>(narrow), copied, cursor), length - copied,
-              static_cast<unsigned char>(0));
-  skip(length);
+  auto const size = std::min(length, static_cast<unsigned long>(narrow.size()));
+  fillWithNul(std::copy_n(static_cast<char const*>(narrow), size, field), end);
 }
 
-void ABinaryStream::writeString(AString const& text) {
-  ACharString const narrow(text);
-  writeBytes(static_cast<char const*>(narrow), static_cast<unsigned long>(narrow.size()));
+unsigned long ABinaryStream::narrowLength(AString const& text) {
+  wchar_t const* const start = text;
+  wchar_t const* end = start;
+  while (isAscii(*end)) ++end;
+  if (*end == 0 && lowerHalfIsAscii()) return static_cast<unsigned long>(end - start);
+  return static_cast<unsigned long>(ACharString(text).size());
 }

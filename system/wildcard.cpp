@@ -1,21 +1,59 @@
 #include <vrxutil/system.h>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
+#include <cstddef>
 #include <string_view>
 
 #include <string.h>  // memmem
 
 namespace {
 
-void lowerCase(std::string& text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+/// From here on it is quicker to ask tolower() once for each byte that there is.
+constexpr std::size_t kLongText = 1024;
+
+char lower(unsigned char c) { return static_cast<char>(std::tolower(c)); }
+
+constexpr char lowerAscii(unsigned char c) {
+  bool const isCapital = c >= 'A' && c <= 'Z';
+  return static_cast<char>(isCapital ? c - 'A' + 'a' : c);
 }
 
-/// The part of `pattern` from `*position` up to the next star.
-std::string_view FindNextGlob(std::string_view pattern, unsigned long const* position) {
-  std::string_view const rest = pattern.substr(*position);
+/// Blocks of a fixed size become vector instructions at every level of optimisation.
+void lowerCaseAscii(std::string& text) {
+  constexpr std::ptrdiff_t kBlock = 64;
+  auto block = text.begin();
+  for (; text.end() - block >= kBlock; block += kBlock) {
+    std::transform(block, block + kBlock, block, lowerAscii);
+  }
+  std::transform(block, text.end(), block, lowerAscii);
+}
+
+/// As lowerCase(). In nearly all locales only ASCII letters have a case as single
+/// bytes.
+void lowerCaseLong(std::string& text) {
+  std::array<char, 256> table{};
+  bool isAsciiAlone = true;
+  for (std::size_t i = 0; i < table.size(); ++i) {
+    auto const c = static_cast<unsigned char>(i);
+    table[i] = lower(c);
+    isAsciiAlone = isAsciiAlone && table[i] == lowerAscii(c);
+  }
+  if (isAsciiAlone) return lowerCaseAscii(text);
+  std::transform(text.begin(), text.end(), text.begin(),
+                 [&table](unsigned char c) { return table[c]; });
+}
+
+/// Replaces every byte by tolower() of it.
+void lowerCase(std::string& text) {
+  if (text.size() >= kLongText) return lowerCaseLong(text);
+  std::transform(text.begin(), text.end(), text.begin(), lower);
+}
+
+/// The part of `pattern` from `position` up to the next star.
+std::string_view FindNextGlob(std::string_view pattern, std::size_t position) {
+  std::string_view const rest = pattern.substr(position);
   return rest.substr(0, rest.find('*'));
 }
 
@@ -37,22 +75,20 @@ bool moveBehind(std::string_view& text, std::string_view part) {
 bool MatchWildcard(std::string pattern, std::string text) {
   lowerCase(pattern);
   lowerCase(text);
-  unsigned long position = 0;
   std::string_view rest = text;
-  std::string_view run = FindNextGlob(pattern, &position);
-  if (rest.substr(0, run.size()) != run) return false;
+  std::string_view run = FindNextGlob(pattern, 0);
+  if (!rest.starts_with(run)) return false;
   rest.remove_prefix(run.size());
-  position = run.size();
+  std::size_t position = run.size();
 
   while (position < pattern.size()) {
-    if (rest.empty())
-      return false;  // a star has to have something before it, even if it takes none
+    if (rest.empty()) return false;  // not even a star that takes nothing matches the end
     position = pattern.find_first_not_of('*', position);
     if (position == std::string::npos) return true;
-    run = FindNextGlob(pattern, &position);
+    run = FindNextGlob(pattern, position);
     position += run.size();
     bool const isLast = position == pattern.size();
-    if (isLast) return rest.size() >= run.size() && rest.substr(rest.size() - run.size()) == run;
+    if (isLast) return rest.ends_with(run);
     if (!moveBehind(rest, run)) return false;
   }
   return rest.empty();

@@ -167,7 +167,8 @@ public:
   /// The text in the encoding of the C locale, without a terminator.
   void writeString(AString const& text);
 
-  /// The bytes of `block`, at most `maximum` unless that is 0.
+  /// The bytes of `block`, at most `maximum` unless that is 0. They may be part of
+  /// the range.
   void writeBuffer(AnObjectBuffer<unsigned char> const& block, unsigned long maximum) noexcept;
 
 private:
@@ -182,6 +183,13 @@ private:
   void put(unsigned char const (&bytes)[kSize]) noexcept;
   std::string_view nextBytes(int length) noexcept;
   void writeBytes(void const* bytes, unsigned long count) noexcept;
+
+  // What takes no part in moving the cursor. As nothing outside gets the stream's
+  // address, compilers keep a whole record's cursor in a register.
+  static void assign(AString& out, std::string_view field);
+  static void writeField(unsigned char* field, unsigned long length, AString const& text);
+  static unsigned long narrowLength(AString const& text);
+  static void reportExcess(long count);
 
   unsigned char* cursor;
   unsigned char* end;
@@ -230,8 +238,11 @@ VRXUTIL_EXPORT unsigned long Base64Decode(char const* source, unsigned long sour
                                           void* target, unsigned long targetLength, int* state,
                                           unsigned long* consumed);
 
-/// Base64 of whole buffers. Lack of memory for the work gives an empty result; for
-/// the result itself it is thrown.
+/// Base64 of whole buffers. Lack of memory for the array that the result is worked out
+/// in gives an empty result; for anything else, such as the copy of `bytes`, the narrow
+/// form of `text` or the result itself, it is thrown: std::bad_alloc, or
+/// std::length_error for a length that no buffer has. Texts are converted as AString
+/// does it, with its records under "String".
 class VRXUTIL_EXPORT ABase64Encode {
 public:
   ABase64Encode() = delete;
@@ -243,9 +254,39 @@ public:
   static AnObjectBuffer<unsigned char> decode(AString const& text);
 };
 
+inline ABinaryStream::ABinaryStream(bool isLittleEndian) noexcept {
+  construct(nullptr, nullptr, isLittleEndian);
+}
+
+inline ABinaryStream::ABinaryStream(unsigned char* start, unsigned long length,
+                                    bool isLittleEndian) noexcept {
+  construct(start, start, isLittleEndian);
+  setPointer(start, length);
+}
+
+inline void ABinaryStream::construct(unsigned char* start, unsigned char* rangeEnd,
+                                     bool isLittleEndian) noexcept {
+  std::uint32_t const one = 1;
+  unsigned char firstByte = 0;
+  std::memcpy(&firstByte, &one, sizeof firstByte);
+  cursor = start;
+  end = rangeEnd;
+  hostIsLittleEndian = firstByte;
+  littleEndian = isLittleEndian ? 1 : 0;
+  overflow = 0;
+}
+
+// A length that no memory has comes round: nothing fits then.
+inline void ABinaryStream::setPointer(unsigned char* start, unsigned long length) noexcept {
+  cursor = start;
+  end = reinterpret_cast<unsigned char*>(addressOf(start) + length);
+  overflow = 0;
+}
+
 // The cursor may leave the range, and even come round: addresses are added as
 // numbers, which pointers must not be.
 inline void ABinaryStream::skip(unsigned long count) noexcept {
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): see above
   cursor = reinterpret_cast<unsigned char*>(addressOf(cursor) + count);
 }
 
@@ -254,6 +295,12 @@ inline bool ABinaryStream::pastEndWith(unsigned long count) noexcept {
   if (overflow == 0 && next <= addressOf(end) && next >= addressOf(cursor)) return false;
   overflow = 1;
   skip(count);
+  return true;
+}
+
+inline bool ABinaryStream::pastEndError() const {
+  if (overflow == 0) return false;
+  reportExcess(static_cast<long>(addressOf(cursor) - addressOf(end)));
   return true;
 }
 
@@ -284,6 +331,33 @@ inline char ABinaryStream::readChar() noexcept {
   auto const value = static_cast<char>(*cursor);
   skip(1);
   return value;
+}
+
+/// The next field, which the cursor stays before; nothing where it does not fit.
+inline std::string_view ABinaryStream::nextBytes(int length) noexcept {
+  auto const count = static_cast<unsigned long>(length);
+  if (pastEndWith(count)) return {};
+  return {reinterpret_cast<char const*>(cursor), count};
+}
+
+// A result for which there is no memory leaves the cursor before its field.
+
+inline void ABinaryStream::readString(int length, AString& out) {
+  std::string_view const bytes = nextBytes(length);
+  assign(out, bytes);
+  skip(bytes.size());
+}
+
+inline void ABinaryStream::readString(int length, std::string& out) {
+  std::string_view const bytes = nextBytes(length);
+  out = bytes.substr(0, bytes.find('\0'));
+  skip(bytes.size());
+}
+
+inline void ABinaryStream::readBuffer(int length, AnObjectBuffer<unsigned char>& out) {
+  std::string_view const bytes = nextBytes(length);
+  out.allocate(bytes.size(), reinterpret_cast<unsigned char const*>(bytes.data()));
+  skip(bytes.size());
 }
 
 inline void ABinaryStream::writeChar(char value) noexcept {
@@ -319,6 +393,16 @@ void ABinaryStream::put(unsigned char const (&bytes)[kSize]) noexcept {
   skip(kSize);
 }
 
+inline void ABinaryStream::writeString(unsigned long length, AString const& text) {
+  if (pastEndWith(length)) return;
+  writeField(cursor, length, text);
+  skip(length);
+}
+
+inline void ABinaryStream::writeString(AString const& text) {
+  writeString(narrowLength(text), text);
+}
+
 inline void ABinaryStream::writeBuffer(AnObjectBuffer<unsigned char> const& block,
                                        unsigned long maximum) noexcept {
   unsigned long const size = block.size();
@@ -327,6 +411,6 @@ inline void ABinaryStream::writeBuffer(AnObjectBuffer<unsigned char> const& bloc
 
 inline void ABinaryStream::writeBytes(void const* bytes, unsigned long count) noexcept {
   if (pastEndWith(count) || count == 0) return;
-  std::memcpy(cursor, bytes, count);
+  std::memmove(cursor, bytes, count);
   skip(count);
 }

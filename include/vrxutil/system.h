@@ -94,9 +94,9 @@ public:
   int compare(AVersion const* other) const;
 
 private:
-  int part(int shift) const { return static_cast<int>(packed >> shift & 0xFFFF); }
+  int part(int shift) const { return static_cast<int>(packed_ >> shift & 0xFFFF); }
 
-  std::uint64_t packed = 0;
+  std::uint64_t packed_ = 0;
 };
 
 /// Encrypts and decrypts byte strings with encryption type 3 of the agent's crypto
@@ -131,11 +131,9 @@ VRXUTIL_EXPORT bool MatchWildcard(std::string pattern, std::string text);
 /// What kind of machine the host is.
 class VRXUTIL_EXPORT CEnclosureType {
 public:
-  CEnclosureType() = delete;
-
   /// Sets `portable` when the host's model (sysctl "hw.model", see zulral/zulral.h)
-  /// has "book" in its name, in any case; false when the host does not tell. Always
-  /// returns 0.
+  /// has "book" in its name, in any case; false when the host does not tell, or its
+  /// model has more than 255 bytes. Always returns 0.
   static int iIsAPortableComputer(bool& portable);
 };
 

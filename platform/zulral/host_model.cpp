@@ -70,6 +70,10 @@ int sysctlbyname(char const* name, void* value, std::size_t* size, void const* n
     errno = EPERM;
     return -1;
   }
+  if (value != nullptr && size == nullptr) {
+    errno = EFAULT;
+    return -1;
+  }
   std::optional<std::string> const model = hostModel();
   if (!model) return -1;
   if (size == nullptr) return 0;

@@ -1,5 +1,6 @@
 #include "tests/binary/base64_reference.h"
 #include "tests/support/log_recorder.h"
+#include "tests/support/memory_shortage.h"
 
 #include <vrxutil/binary.h>
 
@@ -7,56 +8,14 @@
 
 #include <array>
 #include <climits>
-#include <cstdlib>
 #include <limits>
 #include <memory>
 #include <new>
 #include <random>
+#include <stdexcept>
 #include <string>
 #include <type_traits>
 #include <vector>
-
-namespace {
-
-// Blocks of this size and above cannot be had.
-constinit thread_local std::size_t unobtainableSize = std::numeric_limits<std::size_t>::max();
-
-void* take(std::size_t size) noexcept {
-  return size < unobtainableSize ? std::malloc(size > 0 ? size : 1) : nullptr;
-}
-
-}  // namespace
-
-// Not inline, since the compiler takes a call of free() beside one of operator
-// new for a mistake. The array forms are written out for sanitizers, which would
-// put theirs in their place.
-[[gnu::noinline]] void* operator new(std::size_t size) {
-  void* const block = take(size);
-  if (block == nullptr) throw std::bad_alloc();
-  return block;
-}
-
-[[gnu::noinline]] void* operator new[](std::size_t size) {
-  void* const block = take(size);
-  if (block == nullptr) throw std::bad_alloc();
-  return block;
-}
-
-[[gnu::noinline]] void* operator new[](std::size_t size, std::nothrow_t const&) noexcept {
-  return take(size);
-}
-
-[[gnu::noinline]] void operator delete(void* block) noexcept { std::free(block); }
-
-[[gnu::noinline]] void operator delete(void* block, std::size_t) noexcept { std::free(block); }
-
-[[gnu::noinline]] void operator delete[](void* block) noexcept { std::free(block); }
-
-[[gnu::noinline]] void operator delete[](void* block, std::size_t) noexcept { std::free(block); }
-
-[[gnu::noinline]] void operator delete[](void* block, std::nothrow_t const&) noexcept {
-  std::free(block);
-}
 
 namespace vrxutil::test {
 namespace {
@@ -162,6 +121,20 @@ std::string randomText(std::mt19937& random, std::size_t size, unsigned cleanRun
     c = random() % 3 == 0 ? '=' : static_cast<char>(random());
   }
   return text;
+}
+
+// Of the alphabet, with junk of random length before each `cleanRun` characters or
+// about as many; never "=".
+std::string dirtyText(std::mt19937& random, std::size_t size, unsigned cleanRun, bool isRegular) {
+  std::string text;
+  while (text.size() < size) {
+    for (auto junk = isRegular ? 1 : random() % 40; junk > 0; --junk)
+      text += " \n\x80-\0"[random() % 5];
+    for (auto clean = isRegular ? cleanRun : random() % (2 * cleanRun); clean > 0; --clean) {
+      text += kReferenceAlphabet[random() % 64];
+    }
+  }
+  return text.substr(0, size);
 }
 
 std::string textOf(std::string const& bytes) {
@@ -549,6 +522,74 @@ TEST(Base64DecodeTest, EverySmallTarget) {
   }
 }
 
+TEST(Base64DecodeTest, PaddedTextsIntoEveryRoom) {
+  std::mt19937 random(15);
+  for (std::size_t size = 0; size < 70; ++size) {
+    std::string const text = textOf(randomBytes(random, size));
+    for (unsigned long room = 0; room < size + 4; ++room) {
+      ASSERT_TRUE(decodesAsReference(text, room, 0));
+      ASSERT_TRUE(decodesAsReference(text, room, static_cast<int>(random() % 64 * 4)));
+    }
+  }
+}
+
+TEST(Base64DecodeTest, EveryLastGroup) {
+  std::string const characters = "AQ/=\n";
+  for (std::string const& before : {std::string(), std::string("TWFu"), std::string(20, 'q')}) {
+    for (std::size_t number = 0; number < 5 * 5 * 5 * 5; ++number) {
+      std::string text = before;
+      for (std::size_t const divisor : {125U, 25U, 5U, 1U}) {
+        text += characters[number / divisor % 5];
+      }
+      for (unsigned long room = 0; room < 20; ++room) {
+        ASSERT_TRUE(decodesAsReference(text, room, 0x50));
+      }
+    }
+  }
+}
+
+TEST(Base64DecodeTest, JunkEverywhere) {
+  std::mt19937 random(16);
+  for (unsigned const cleanRun : {1U, 2U, 3U, 4U, 8U, 15U, 16U, 17U, 33U, 76U, 77U, 300U}) {
+    for (std::size_t size = 0; size < 900; size += 1 + random() % 30) {
+      std::string const text = dirtyText(random, size, cleanRun, random() % 2 != 0);
+      unsigned long const all = decoded(text, size).written;
+      for (unsigned long const room :
+           {size, all, all - all / 7, all > 0 ? random() % all : 0, all + 1, all + 20, all + 21}) {
+        ASSERT_TRUE(decodesAsReference(text, room, 0));
+        ASSERT_TRUE(decodesAsReference(text, room, static_cast<int>(random() % 256)));
+      }
+    }
+  }
+}
+
+TEST(Base64DecodeTest, JunkAndPaddingInLongTexts) {
+  std::mt19937 random(17);
+  for (unsigned const paddingRun : {3U, 20U, 100U, 400U}) {
+    for (int round = 0; round < 60; ++round) {
+      std::string text =
+          dirtyText(random, 3000, 1 + static_cast<unsigned>(random() % 100), /*isRegular=*/true);
+      for (char& character : text) {
+        if (random() % paddingRun == 0) character = '=';
+      }
+      ASSERT_TRUE(decodesAsReference(text, random() % 3000, static_cast<int>(random() % 256)));
+    }
+  }
+}
+
+// The characters outside the alphabet, one at each place among clean ones.
+TEST(Base64DecodeTest, EveryByteAtEveryPlace) {
+  for (unsigned byte = 0; byte < 256; ++byte) {
+    for (std::size_t place = 0; place < 70; ++place) {
+      std::string text(70, 'q');
+      text[place] = static_cast<char>(byte);
+      ASSERT_TRUE(decodesAsReference(text, 60, 0));
+      text[0] = '\n';
+      ASSERT_TRUE(decodesAsReference(text, 60, 0));
+    }
+  }
+}
+
 TEST(Base64DecodeTest, LinesAndPaddingInLongTexts) {
   std::mt19937 random(10);
   for (std::size_t const line : {1U, 4U, 8U, 37U, 64U, 76U}) {
@@ -573,9 +614,10 @@ TEST(Base64DecodeTest, GivesBackWhatWasEncoded) {
 
 TEST(Base64DecodeTest, MayWriteOverItsSource) {
   std::mt19937 random(12);
-  for (std::size_t size = 0; size < 150; ++size) {
-    for (unsigned const cleanRun : {0U, 20U}) {
-      std::string text = randomText(random, size, cleanRun);
+  for (std::size_t size = 0; size < 700; ++size) {
+    for (unsigned const cleanRun : {0U, 20U, 100U}) {
+      std::string text = cleanRun == 100 ? dirtyText(random, size, cleanRun, /*isRegular=*/false)
+                                         : randomText(random, size, cleanRun);
       std::string expected = text;
       int state = 0;
       int expectedState = 0;
@@ -642,13 +684,38 @@ TEST(ABase64EncodeTest, NoMemoryForTheWorkGivesAnEmptyResult) {
   constexpr std::size_t kUnobtainable = 1 << 16;
   Bytes const data(std::string(kUnobtainable * 4 / 5, 'x'));
   AString const text(std::wstring(kUnobtainable, L'x'));
-  unobtainableSize = kUnobtainable;
-  AString const encodedText = ABase64Encode::encode(data);
-  Bytes const bytes = ABase64Encode::decode(text);
-  unobtainableSize = std::numeric_limits<std::size_t>::max();
+  AString encodedText(L"before");
+  Bytes bytes(std::string("before"));
+  {
+    MemoryShortage const shortage(kUnobtainable);
+    encodedText = ABase64Encode::encode(data);
+    bytes = ABase64Encode::decode(text);
+  }
   EXPECT_EQ(encodedText.const_cpp_str(), L"");
   EXPECT_EQ(bytes.size(), 0U);
   EXPECT_EQ(recorder.records(), Records());
+}
+
+TEST(ABase64EncodeTest, NoMemoryForACopyIsThrown) {
+  constexpr std::size_t kUnobtainable = 1 << 16;
+  std::string const bytes(kUnobtainable, 'x');
+  AString const text(std::wstring(kUnobtainable - 1, L'x'));
+  MemoryShortage const shortage(kUnobtainable);
+  EXPECT_THROW(ABase64Encode::encode(reinterpret_cast<Byte const*>(bytes.data()), kUnobtainable),
+               std::bad_alloc);
+  // Its narrow form has a terminator.
+  EXPECT_THROW(ABase64Encode::decode(text), std::bad_alloc);
+}
+
+TEST(ABase64EncodeTest, NoMemoryForTheTextIsThrown) {
+  constexpr std::size_t kUnobtainable = 1 << 16;
+  Bytes const data(std::string(kUnobtainable / 4, 'x'));
+  MemoryShortage const shortage(kUnobtainable);
+  EXPECT_THROW(ABase64Encode::encode(data), std::bad_alloc);
+}
+
+TEST(ABase64EncodeTest, LengthsThatNoBufferHasAreThrown) {
+  EXPECT_THROW(ABase64Encode::encode(nullptr, kHugest), std::length_error);
 }
 
 }  // namespace

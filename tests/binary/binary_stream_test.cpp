@@ -1,5 +1,6 @@
 #include "tests/support/locale_scope.h"
 #include "tests/support/log_recorder.h"
+#include "tests/support/memory_shortage.h"
 
 #include <vrxutil/binary.h>
 
@@ -8,7 +9,6 @@
 #include <array>
 #include <climits>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <limits>
@@ -17,25 +17,6 @@
 #include <string>
 #include <type_traits>
 #include <vector>
-
-namespace {
-
-// Blocks of this size and above cannot be had.
-constinit thread_local std::size_t unobtainableSize = std::numeric_limits<std::size_t>::max();
-
-}  // namespace
-
-// Not inline, since the compiler takes a call of free() beside one of operator
-// new for a mistake.
-[[gnu::noinline]] void* operator new(std::size_t size) {
-  void* const block = size < unobtainableSize ? std::malloc(size > 0 ? size : 1) : nullptr;
-  if (block == nullptr) throw std::bad_alloc();
-  return block;
-}
-
-[[gnu::noinline]] void operator delete(void* block) noexcept { std::free(block); }
-
-[[gnu::noinline]] void operator delete(void* block, std::size_t) noexcept { std::free(block); }
 
 namespace vrxutil::test {
 namespace {
@@ -118,6 +99,14 @@ Records excess(std::wstring const& count) {
 class ABinaryStreamTest : public testing::Test {
 protected:
   void expectNoRecords() const { EXPECT_EQ(recorder.records(), Records()); }
+
+  // These bytes from the start of a range, and nothing behind them.
+  static void expectWritten(Range& range, Bytes expected) {
+    EXPECT_EQ(range.used(), static_cast<long>(expected.size()));
+    expected.resize(range.bytes().size(), kUntouched);
+    EXPECT_EQ(range.bytes(), expected);
+    EXPECT_FALSE(range.overflowed());
+  }
 
   // One record, with this number.
   void expectExcess(ABinaryStream const& stream, std::wstring const& count) {
@@ -314,11 +303,7 @@ TEST_F(ABinaryStreamTest, TextFillsItsField) {
     SCOPED_TRACE(row.name);
     Range range(8);
     range.stream().writeString(row.length, AString(row.text));
-    EXPECT_EQ(range.used(), static_cast<long>(row.length));
-    Bytes expected = row.expected;
-    expected.resize(8, kUntouched);
-    EXPECT_EQ(range.bytes(), expected);
-    EXPECT_FALSE(range.overflowed());
+    expectWritten(range, row.expected);
   }
   expectNoRecords();
 }
@@ -372,6 +357,44 @@ TEST_F(ABinaryStreamTest, TextIsInTheEncodingOfTheLocale) {
   Range range(4);
   range.stream().writeString(4, text);
   EXPECT_EQ(range.bytes(), (Bytes{'?', 'b', 0, 0}));
+  expectNoRecords();
+}
+
+TEST_F(ABinaryStreamTest, TextIsConvertedFromItsFirstForeignCharacterOn) {
+  struct {
+    char const* name;
+    std::wstring text;
+    unsigned long length;
+    std::string field;
+    std::string whole;
+  } const rows[] = {
+      {"behind the field", L"abc\u00e4", 3, "abc", "abc\xC3\xA4"},
+      {"the last that fits", L"ab\u00e4", 4, "ab\xC3\xA4", "ab\xC3\xA4"},
+      {"with room behind", L"ab\u00e4", 6, {"ab\xC3\xA4\0\0", 6}, "ab\xC3\xA4"},
+      {"the first",
+       L"\u20acb",
+       5,
+       {"\xE2\x82\xAC"
+        "b\0",
+        5},
+       "\xE2\x82\xAC"
+       "b"},
+      {"the last of ASCII", L"\x7F\x01", 3, {"\x7F\x01\0", 3}, "\x7F\x01"},
+      {"the first beyond", L"a\x80", 3, "a\xC2\x80", "a\xC2\x80"},
+      {"negative", std::wstring(1, static_cast<wchar_t>(-5)) + L"b", 2, "?b", "?b"},
+      {"up to a NUL", std::wstring(L"ab\0c", 4), 4, {"ab\0\0", 4}, "ab"},
+  };
+
+  LocaleScope const locale("C.UTF-8");
+  for (auto const& row : rows) {
+    SCOPED_TRACE(row.name);
+    Range fixed(12);
+    fixed.stream().writeString(row.length, AString(row.text));
+    expectWritten(fixed, Bytes(row.field.begin(), row.field.end()));
+    Range natural(12);
+    natural.stream().writeString(AString(row.text));
+    expectWritten(natural, Bytes(row.whole.begin(), row.whole.end()));
+  }
   expectNoRecords();
 }
 
@@ -449,13 +472,24 @@ TEST_F(ABinaryStreamTest, BlockIsWrittenUpToTheMaximum) {
     SCOPED_TRACE(row.maximum);
     Range range(12);
     range.stream().writeBuffer(block, row.maximum);
-    EXPECT_EQ(range.used(), static_cast<long>(row.expected.size()));
-    Bytes expected = row.expected;
-    expected.resize(12, kUntouched);
-    EXPECT_EQ(range.bytes(), expected);
-    EXPECT_FALSE(range.overflowed());
+    expectWritten(range, row.expected);
   }
   expectNoRecords();
+}
+
+TEST_F(ABinaryStreamTest, BlockMayBeTheRangeItself) {
+  std::string const text = "0123456789abcdefghijklmnopqrstuvwxyz";
+  for (unsigned long const offset : {0UL, 1UL, 7UL}) {
+    Block block(text);
+    unsigned long const count = block.size() - offset;
+    ABinaryStream stream(const_cast<Byte*>(block.getBytes()) + offset, count, true);
+    stream.writeBuffer(block, count);
+    EXPECT_EQ(contents(block), text.substr(0, offset) + text.substr(0, count));
+    EXPECT_FALSE(stream.pastEndError());
+    stream.setPointer(const_cast<Byte*>(block.getBytes()) + offset, count);
+    stream.readBuffer(static_cast<int>(count), block);
+    EXPECT_EQ(contents(block), text.substr(0, count));
+  }
 }
 
 TEST_F(ABinaryStreamTest, BlockThatDoesNotFitIsNotWritten) {
@@ -496,9 +530,10 @@ TEST_F(ABinaryStreamTest, NoMemoryForWhatIsReadLeavesTheCursor) {
       [&] { range.stream().readString(kLength, narrow); },
   };
   for (auto const& read : reads) {
-    unobtainableSize = kLength;
-    EXPECT_THROW(read(), std::bad_alloc);
-    unobtainableSize = std::numeric_limits<std::size_t>::max();
+    {
+      MemoryShortage const shortage(kLength);
+      EXPECT_THROW(read(), std::bad_alloc);
+    }
     EXPECT_EQ(range.used(), 0);
     EXPECT_FALSE(range.overflowed());
   }

@@ -1,11 +1,11 @@
 #include "tests/support/log_recorder.h"
+#include "tests/support/memory_shortage.h"
 
 #include <vrxutil/binary.h>
 #include <vrxutil/log.h>
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <new>
@@ -14,37 +14,6 @@
 #include <string_view>
 #include <type_traits>
 #include <vector>
-
-namespace {
-
-// Blocks of this size and above cannot be had.
-constinit thread_local std::size_t unobtainableSize = std::numeric_limits<std::size_t>::max();
-
-void* take(std::size_t size) noexcept {
-  return size < unobtainableSize ? std::malloc(size > 0 ? size : 1) : nullptr;
-}
-
-}  // namespace
-
-// Not inline, since the compiler takes a call of free() beside one of operator
-// new for a mistake.
-[[gnu::noinline]] void* operator new(std::size_t size) {
-  void* const block = take(size);
-  if (block == nullptr) throw std::bad_alloc();
-  return block;
-}
-
-[[gnu::noinline]] void* operator new(std::size_t size, std::nothrow_t const&) noexcept {
-  return take(size);
-}
-
-[[gnu::noinline]] void operator delete(void* block) noexcept { std::free(block); }
-
-[[gnu::noinline]] void operator delete(void* block, std::size_t) noexcept { std::free(block); }
-
-[[gnu::noinline]] void operator delete(void* block, std::nothrow_t const&) noexcept {
-  std::free(block);
-}
 
 namespace vrxutil::test {
 namespace {
@@ -114,16 +83,6 @@ void writeByte(ABuffer const& buffer, std::size_t index, unsigned char value) {
 
 // Blocks that a buffer of a mebibyte needs cannot be had; those of a log record can.
 constexpr std::size_t kUnobtainable = std::size_t{1} << 20;
-
-class MemoryShortage {
-public:
-  explicit MemoryShortage(std::size_t from = kUnobtainable) { unobtainableSize = from; }
-
-  ~MemoryShortage() { unobtainableSize = std::numeric_limits<std::size_t>::max(); }
-
-  MemoryShortage(MemoryShortage const&) = delete;
-  MemoryShortage& operator=(MemoryShortage const&) = delete;
-};
 
 constexpr unsigned long kHugest = std::numeric_limits<unsigned long>::max();
 
@@ -471,7 +430,7 @@ TEST_F(ABufferTest, MemoryThatCannotBeHadIsReportedWithTheExceptionsText) {
   for (std::string const& bytes : {std::string(), std::string("abcd"), pattern(1000)}) {
     SCOPED_TRACE(bytes.size());
     ABuffer buffer(bytes);
-    MemoryShortage const shortage;
+    MemoryShortage const shortage(kUnobtainable);
     recorder.clear();
     EXPECT_FALSE(buffer.tryToChangeSizeTo(kUnobtainable));
     EXPECT_EQ(recorder.records(), outOfMemory(kUnobtainable));
@@ -492,7 +451,7 @@ TEST_F(ABufferTest, MemoryThatCannotBeHadForTheRecordEitherIsARefusalToo) {
     ABuffer buffer(bytes);
     bool refused = false;
     {
-      MemoryShortage const shortage(/*from=*/1);
+      MemoryShortage const shortage(/*size=*/1);
       refused = !buffer.tryToChangeSizeTo(5000) && !buffer.tryAllocate(5000, bytesOf("x")) &&
                 !buffer.tryExpandBy(5000, nullptr) && !buffer.tryExpandBy(kHugest / 2, nullptr);
     }
@@ -503,7 +462,7 @@ TEST_F(ABufferTest, MemoryThatCannotBeHadForTheRecordEitherIsARefusalToo) {
 
 TEST_F(ABufferTest, SourceIsNotReadWhenMemoryCannotBeHad) {
   ABuffer buffer("abcd");
-  MemoryShortage const shortage;
+  MemoryShortage const shortage(kUnobtainable);
   EXPECT_FALSE(buffer.tryAllocate(kUnobtainable, bytesOf("x")));
   EXPECT_FALSE(buffer.tryExpandBy(kUnobtainable, bytesOf("x")));
   EXPECT_FALSE(buffer.tryExpandBy(kUnobtainable, buffer.getBytes()));
@@ -526,7 +485,7 @@ TEST_F(ABufferTest, AllocateThrowsAndLogsNothing) {
     EXPECT_THROW(buffer.allocate(kHugest, nullptr), std::length_error);
     EXPECT_THROW(buffer.allocate(kHugest, bytesOf("x")), std::length_error);
     expectContents(buffer, bytes);
-    MemoryShortage const shortage;
+    MemoryShortage const shortage(kUnobtainable);
     EXPECT_THROW(buffer.allocate(kUnobtainable, nullptr), std::bad_alloc);
     EXPECT_THROW(buffer.allocate(kUnobtainable, bytesOf("x")), std::bad_alloc);
     expectContents(buffer, bytes);
@@ -541,7 +500,7 @@ TEST_F(ABufferTest, ConstructorsThrowAndLogNothing) {
   ABuffer const longBuffer(longText);
   ABuffer shortBuffer("abcd");
   {
-    MemoryShortage const shortage;
+    MemoryShortage const shortage(kUnobtainable);
     EXPECT_THROW(ABuffer(kUnobtainable, nullptr), std::bad_alloc);
     EXPECT_THROW(ABuffer{longText}, std::bad_alloc);
     EXPECT_THROW(ABuffer{longText.c_str()}, std::bad_alloc);

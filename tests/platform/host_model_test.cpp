@@ -1,5 +1,6 @@
 #include "tests/platform/child_process.h"
 #include "tests/support/other_user.h"
+#include "tests/support/private_mounts.h"
 #include "tests/support/temporary_folder.h"
 
 #include <zulral/zulral.h>
@@ -21,6 +22,7 @@
 #include <thread>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace vrxutil::test {
 namespace {
@@ -36,6 +38,8 @@ std::optional<std::string> model() {
   text.pop_back();
   return text;
 }
+
+constexpr int kNotPossible = 77;  // a child's exit status
 
 /// What fails with this number of errno.
 void expectFailure(int number) {
@@ -163,6 +167,15 @@ TEST_F(HostModelTest, TableThatMayNotBeReadIsAFailure) {
   }
 }
 
+TEST_F(HostModelTest, TableOfMoreThan4096BytesIsAFailure) {
+  have(std::string(4095, 'x') + "\n", "3\n");
+  EXPECT_EQ(model(), std::string(4095, 'x'));
+  have(std::string(4096, 'x') + "\n", "3\n");
+  expectFailure(EFBIG);
+  have("Latitude\n", "10\n" + std::string(4094, '\n'));
+  expectFailure(EFBIG);
+}
+
 TEST_F(HostModelTest, EndlessTableIsAFailure) {
   have("Latitude\n", "10\n");
   std::filesystem::remove(folder_ / "product_name");
@@ -201,6 +214,16 @@ TEST_F(HostModelTest, SmallBufferGetsWhatFits) {
     EXPECT_EQ(size, room);
     EXPECT_EQ(text, std::string("Latitude").substr(0, room) + std::string(20 - room, '?'));
   }
+}
+
+TEST_F(HostModelTest, BufferNeedsASize) {
+  have("Latitude\n", "3\n");
+  char text = '?';
+  errno = 0;
+  EXPECT_EQ(::sysctlbyname("hw.model", &text, nullptr, nullptr, 0), -1);
+  EXPECT_EQ(errno, EFAULT);
+  EXPECT_EQ(text, '?');
+  EXPECT_EQ(::sysctlbyname("hw.model", nullptr, nullptr, nullptr, 0), 0);
 }
 
 TEST_F(HostModelTest, OtherNamesAreUnknown) {
@@ -244,6 +267,23 @@ TEST_F(HostModelTest, NullFolderIsTheKernels) {
   std::string line;
   std::getline(productName, line);
   EXPECT_TRUE(answer.value_or(line).starts_with(line));
+}
+
+// In a folder of this process's own in the place of the kernel's.
+TEST_F(HostModelTest, KernelShowsTheTables) {
+  zulSetFirmwareFolder(nullptr);
+  ChildResult const result = runInChild([] {
+    bool const isMounted =
+        enterMountNamespace() && ::mount("none", "/sys", "tmpfs", 0, nullptr) == 0;
+    if (!isMounted) ::_exit(kNotPossible);
+    std::filesystem::create_directories("/sys/class/dmi/id");
+    expectFailure(ENOENT);
+    makeFile("/sys/class/dmi/id/product_name", "Latitude\n");
+    makeFile("/sys/class/dmi/id/chassis_type", "10\n");
+    EXPECT_EQ(model(), "Latitude (notebook)");
+  });
+  if (result.status == kNotPossible << 8) GTEST_SKIP() << kNoMounts;
+  EXPECT_EQ(result.status, 0) << result.standardError;
 }
 
 #endif

@@ -5,13 +5,18 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cstddef>
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <iterator>
 #include <ostream>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include <dlfcn.h>
 #include <sys/socket.h>
@@ -100,6 +105,14 @@ TEST(ZulLoadLibraryTest, NoNameIsNoLibrary) {
   }
 }
 
+TEST(ZulLoadLibraryTest, ErrorNeedNotBeAskedFor) {
+  PlugInFolder const folder;
+  std::filesystem::create_directory(folder / "folder.so");
+  for (std::string const& name : {std::string(), folder / "missing.dylib", folder / "folder.so"}) {
+    EXPECT_EQ(zulLoadLibrary(name.c_str(), nullptr), nullptr) << name;
+  }
+}
+
 TEST(ZulLoadLibraryTest, FollowsSymbolicLinks) {
   PlugInFolder const folder;
   std::filesystem::create_symlink(PLUG_IN, folder / "link.so");
@@ -113,11 +126,17 @@ TEST(ZulLoadLibraryTest, NameWithoutASlashIsLookedForWhereTheHostKeepsLibraries)
     EXPECT_EQ(runAgainInPlugInFolder(), 0) << "the output of the new process says why";
     return;
   }
+  // What has these names here is not meant.
+  PlugInFolder const folder;
+  std::filesystem::create_directory(folder / "libtest_plug_in.so");
+  std::filesystem::create_directory(folder / "libtest_plug_in_old.dylib");
+  std::filesystem::current_path(folder / "");
   EXPECT_EQ(Loaded("libtest_plug_in.so").version(), kCurrent);
   EXPECT_FALSE(Loaded("test_plug_in.so"));
 #ifndef __APPLE__
   EXPECT_EQ(Loaded("libtest_plug_in_old.dylib").version(), kOld);
 #endif
+  std::filesystem::current_path("/");
 }
 
 TEST(ZulLoadLibraryTest, NameWithoutASlashIsNotLookedForInTheCurrentFolder) {
@@ -194,6 +213,7 @@ TEST(ZulLoadLibraryEndingTest, LinkThatLeadsNowhereDoesNotExist) {
 TEST(ZulLoadLibraryEndingTest, OtherEndingsAreTakenAsTheyAre) {
   PlugInFolder const folder;
   folder.place("libfoo.so");
+  folder.place("libfoo..so");
   for (char const* const name :
        {"libfoo", "libfoo.", "libfoo.dylibs", "libfoo.dylib ", "libfoo.DYLIB", "libfoo.bundle",
         "libfoo.dylib/x", "libfoo.dylib.dylib"}) {
@@ -205,7 +225,7 @@ TEST(ZulLoadLibraryEndingTest, NeitherIsAnError) {
   PlugInFolder const folder;
   Loaded const library(folder / "libfoo.dylib");
   EXPECT_FALSE(library);
-  EXPECT_NE(library.error().find(folder / "libfoo."), std::string::npos) << library.error();
+  EXPECT_NE(library.error().find(folder / "libfoo.so"), std::string::npos) << library.error();
 }
 
 TEST(ZulLoadLibraryEndingTest, SoHasToBeALibraryToo) {
@@ -272,18 +292,40 @@ TEST(ZulLoadLibraryTest, TextIsNoLibrary) {
 
 #ifdef __ELF__
 
+using Header = ElfW(Ehdr);
+using Segment = ElfW(Phdr);
+
+template <class Record>
+Record recordAt(std::string const& bytes, std::size_t offset) {
+  Record record;
+  std::memcpy(&record, bytes.data() + offset, sizeof record);
+  return record;
+}
+
+template <class Record>
+void putRecord(std::string& bytes, std::size_t offset, Record const& record) {
+  std::memcpy(bytes.data() + offset, &record, sizeof record);
+}
+
+/// The table of the plug-in's segments.
+std::vector<Segment> segments() {
+  std::string const bytes = fileBytes(PLUG_IN);
+  auto const header = recordAt<Header>(bytes, 0);
+  std::vector<Segment> table;
+  for (std::size_t i = 0; i < header.e_phnum; ++i) {
+    table.push_back(recordAt<Segment>(bytes, header.e_phoff + i * sizeof(Segment)));
+  }
+  return table;
+}
+
+bool isLoaded(Segment const& segment) { return segment.p_type == PT_LOAD; }
+
 /// Where the part of the plug-in ends that is needed in memory.
 std::size_t endOfSegments() {
-  std::string const bytes = fileBytes(PLUG_IN);
-  ElfW(Ehdr) header;
-  std::memcpy(&header, bytes.data(), sizeof header);
   std::size_t end = 0;
-  for (std::size_t i = 0; i < header.e_phnum; ++i) {
-    ElfW(Phdr) segment;
-    std::memcpy(&segment, bytes.data() + header.e_phoff + i * sizeof segment, sizeof segment);
-    if (segment.p_type == PT_LOAD) {
-      end = std::max(end, static_cast<std::size_t>(segment.p_offset + segment.p_filesz));
-    }
+  for (Segment const& segment : segments()) {
+    if (!isLoaded(segment)) continue;
+    end = std::max(end, static_cast<std::size_t>(segment.p_offset + segment.p_filesz));
   }
   return end;
 }
@@ -312,19 +354,19 @@ TEST(ZulLoadLibraryTest, DebuggingInformationMayBeCut) {
 }
 
 /// The plug-in with another header.
-std::string withHeader(std::function<void(ElfW(Ehdr) &)> const& change) {
+std::string withHeader(std::function<void(Header&)> const& change) {
   std::string bytes = fileBytes(PLUG_IN);
-  ElfW(Ehdr) header;
-  std::memcpy(&header, bytes.data(), sizeof header);
+  auto header = recordAt<Header>(bytes, 0);
   change(header);
-  std::memcpy(bytes.data(), &header, sizeof header);
+  putRecord(bytes, 0, header);
   return bytes;
 }
 
 TEST(ZulLoadLibraryTest, WrongHeaderIsRefused) {
-  using Change = std::pair<char const*, std::function<void(ElfW(Ehdr)&)>>;
+  using Change = std::pair<char const*, std::function<void(Header&)>>;
   for (auto const& [label, change] :
-       {Change{"class", [](auto& header) { header.e_ident[EI_CLASS] ^= 3; }},
+       {Change{"magic number", [](auto& header) { header.e_ident[EI_MAG3] = 'f'; }},
+        Change{"class", [](auto& header) { header.e_ident[EI_CLASS] ^= 3; }},
         Change{"byte order", [](auto& header) { header.e_ident[EI_DATA] ^= 3; }},
         Change{"machine", [](auto& header) { header.e_machine = 0x7777; }},
         Change{"object file", [](auto& header) { header.e_type = ET_REL; }},
@@ -340,18 +382,107 @@ TEST(ZulLoadLibraryTest, WrongHeaderIsRefused) {
   }
 }
 
-// Its end counts as a small number where the sum may overflow.
-TEST(ZulLoadLibraryTest, SegmentBeyondAllNumbersIsRefused) {
+TEST(ZulLoadLibraryTest, WhatIsNoLibraryOfThisHostIsNotCalledCut) {
+  for (int const byte : {EI_MAG0, EI_MAG3, EI_CLASS, EI_DATA}) {
+    PlugInFolder const folder;
+    std::string const other = withHeader([=](auto& header) { header.e_ident[byte] ^= 3; });
+    makeFile(folder / "wrong.so", other.substr(0, endOfSegments() / 2));
+    Loaded const library(folder / "wrong.so");
+    EXPECT_FALSE(library) << byte;
+    EXPECT_NE(library.error(), "the file is cut short") << byte;
+  }
+}
+
+// As an update does it. The small file's size must not be taken for the large one's.
+TEST(ZulLoadLibraryTest, LibraryRenamedIntoPlaceIsNotCut) {
+  PlugInFolder const folder;
+  std::string const path = folder / "plugin.so";
+  std::string const neighbour = folder / "neighbour";
+  std::string const whole = folder.place("whole.so");
+  std::string const small = folder / "small";
+  makeFile(small, std::string(sizeof(Header), 'x'));
+  folder.place("plugin.so");
+  std::atomic<bool> isDone = false;
+  std::thread updating([&] {
+    for (bool isWhole = false; !isDone; isWhole = !isWhole) {
+      std::filesystem::create_hard_link(isWhole ? whole : small, neighbour);
+      std::filesystem::rename(neighbour, path);
+    }
+  });
+  for (int i = 0; i < 8'000; ++i) EXPECT_NE(Loaded(path).error(), "the file is cut short");
+  isDone = true;
+  updating.join();
+}
+
+std::ptrdiff_t openDescriptors() {
+  std::filesystem::directory_iterator const entries("/dev/fd");
+  return std::distance(begin(entries), end(entries));
+}
+
+TEST(ZulLoadLibraryTest, RefusedFilesDoNotStayOpen) {
+  PlugInFolder const folder;
+  std::string const cut = folder.placeStart("cut.so", endOfSegments() - 1);
+  makeFile(folder / "text.so", std::string(1'000, 'x'));
+  std::ptrdiff_t const before = openDescriptors();
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_FALSE(Loaded(cut));
+    EXPECT_FALSE(Loaded(folder / "text.so"));
+  }
+  EXPECT_EQ(openDescriptors(), before);
+}
+
+/// The plug-in with a segment changed, which is the first one that `isTheOne`.
+std::string withSegment(bool (*isTheOne)(Segment const&), void (*change)(Segment&)) {
   std::string bytes = fileBytes(PLUG_IN);
-  ElfW(Ehdr) header;
-  std::memcpy(&header, bytes.data(), sizeof header);
-  ElfW(Phdr) segment;
-  std::memcpy(&segment, bytes.data() + header.e_phoff, sizeof segment);
-  ASSERT_EQ(segment.p_type, static_cast<decltype(segment.p_type)>(PT_LOAD));
-  segment.p_offset = ~decltype(segment.p_offset){0} - 0xFFF;
-  segment.p_filesz = 0x2000;
-  segment.p_memsz = 0x2000;
-  std::memcpy(bytes.data() + header.e_phoff, &segment, sizeof segment);
+  std::vector<Segment> table = segments();
+  auto const found = std::find_if(table.begin(), table.end(), isTheOne);
+  if (found == table.end()) throw std::runtime_error("no such segment");
+  change(*found);
+  auto const index = static_cast<std::size_t>(found - table.begin());
+  putRecord(bytes, recordAt<Header>(bytes, 0).e_phoff + index * sizeof(Segment), *found);
+  return bytes;
+}
+
+void leadBeyondTheEnd(Segment& segment) { segment.p_offset += decltype(segment.p_offset){1} << 30; }
+
+// An end beyond all numbers looks like a small one.
+TEST(ZulLoadLibraryTest, SegmentBeyondTheEndIsRefused) {
+  constexpr decltype(Segment::p_offset) kNone = 0;
+  for (auto const change :
+       {leadBeyondTheEnd, +[](Segment& segment) { segment.p_offset = ~kNone - 0xFFF; },
+        +[](Segment& segment) {
+          segment.p_offset = ~kNone - 0xFFF;
+          segment.p_filesz = segment.p_memsz = 0x2000;
+        },
+        +[](Segment& segment) {
+          segment.p_offset = 0x1000;
+          segment.p_filesz = segment.p_memsz = ~kNone - 0xFFF;
+        }}) {
+    PlugInFolder const folder;
+    makeFile(folder / "wrong.so", withSegment(isLoaded, change));
+    EXPECT_EQ(Loaded(folder / "wrong.so").error(), "the file is cut short");
+  }
+}
+
+TEST(ZulLoadLibraryTest, SegmentThatIsNotLoadedMayLeadAnywhere) {
+  PlugInFolder const folder;
+  makeFile(folder / "plugin.so",
+           withSegment([](Segment const& segment) { return segment.p_type == PT_GNU_STACK; },
+                       leadBeyondTheEnd));
+  Loaded const library(folder / "plugin.so");
+  ASSERT_TRUE(library) << library.error();
+  EXPECT_EQ(library.version(), kCurrent);
+}
+
+TEST(ZulLoadLibraryTest, TableOfSegmentsCountsWhereverItIs) {
+  std::string bytes =
+      withHeader([](Header& header) { header.e_phoff = fileBytes(PLUG_IN).size(); });
+  std::vector<Segment> table = segments();
+  leadBeyondTheEnd(*std::find_if(table.begin(), table.end(), isLoaded));
+  for (Segment const& segment : table) {
+    bytes.resize(bytes.size() + sizeof segment);
+    putRecord(bytes, bytes.size() - sizeof segment, segment);
+  }
   PlugInFolder const folder;
   makeFile(folder / "wrong.so", bytes);
   EXPECT_EQ(Loaded(folder / "wrong.so").error(), "the file is cut short");
@@ -381,6 +512,13 @@ TEST(ZulGetProcAddressTest, NullLibraryHasNoSymbols) {
   char const* error = nullptr;
   EXPECT_EQ(zulGetProcAddress(nullptr, "malloc", &error), nullptr);
   EXPECT_STREQ(error, "no library is loaded");
+}
+
+TEST(ZulGetProcAddressTest, ErrorNeedNotBeAskedFor) {
+  Loaded const library(PLUG_IN);
+  EXPECT_EQ(zulGetProcAddress(library.handle(), "plugInMissing", nullptr), nullptr);
+  EXPECT_EQ(zulGetProcAddress(library.handle(), nullptr, nullptr), nullptr);
+  EXPECT_EQ(zulGetProcAddress(nullptr, "plugInAnswer", nullptr), nullptr);
 }
 
 TEST(ZulGetProcAddressTest, NullSymbolIsMissing) {

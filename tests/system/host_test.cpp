@@ -51,6 +51,14 @@ TEST_F(CEnclosureTypeTest, ModelWithTheWordIsPortable) {
   EXPECT_TRUE(isPortable());
 }
 
+TEST_F(CEnclosureTypeTest, AnObjectMayBeAsked) {
+  haveModel("MacBookPro5,1\n");
+  CEnclosureType enclosure;
+  bool portable = false;
+  EXPECT_EQ(enclosure.iIsAPortableComputer(portable), 0);
+  EXPECT_TRUE(portable);
+}
+
 TEST_F(CEnclosureTypeTest, CaseOfTheWordDoesNotMatter) {
   for (char const* const name : {"book\n", "POWERBOOK\n", "ThinBoOk 5\n", "a notebook"}) {
     haveModel(name);
@@ -155,6 +163,16 @@ TEST(ConvertFqdnToNetbiosTest, LabelMayHaveAnyLength) {
   std::wstring name = label + L".org";
   EXPECT_TRUE(convertFqdnToNetbios(name));
   EXPECT_EQ(name, label);
+}
+
+TEST(ConvertFqdnToNetbiosTest, AddressEndsAtItsFirstNul) {
+  using namespace std::string_literals;
+  std::wstring name = L"10.1.2.3\0.org"s;
+  EXPECT_FALSE(convertFqdnToNetbios(name));
+  EXPECT_EQ(name, L"10.1.2.3\0.org"s);
+  name = L"ho\0st.org"s;
+  EXPECT_TRUE(convertFqdnToNetbios(name));
+  EXPECT_EQ(name, L"ho\0st"s);
 }
 
 // --- Blanks in paths --------------------------------------------------------------------

@@ -1,5 +1,6 @@
 #include "tests/support/locale_scope.h"
 #include "tests/support/log_recorder.h"
+#include "tests/support/own_logger.h"
 #include "tests/system/plug_in/plug_in_support.h"
 
 #include <vrxutil/log.h>
@@ -12,10 +13,12 @@
 #include <cstdio>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <ostream>
 #include <stdexcept>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include <sys/stat.h>
@@ -58,6 +61,13 @@ std::wstring loadError(std::string const& path) {
   return widened(error);
 }
 
+/// The same for a symbol that the library does not have.
+std::wstring symbolError(void* handle, char const* symbol) {
+  char const* error = nullptr;
+  EXPECT_EQ(zulGetProcAddress(handle, symbol, &error), nullptr);
+  return widened(error);
+}
+
 std::wstring loadCall(std::wstring const& fileName) { return L"portable LoadLibrary," + fileName; }
 
 std::wstring getCall(void const* handle, std::wstring const& symbol) {
@@ -92,8 +102,20 @@ void countUnloadings(ALibrary& library, int& count) {
   countIn(&count);
 }
 
+constexpr char kPlugIn[] = "plugin.so";
+
 class ALibraryTest : public testing::Test {
 protected:
+  /// Opens a plug-in of the test's own, the file kPlugIn, and forgets the records of
+  /// that; returns its handle. `count`, where given, counts its unloadings.
+  void* openPlugIn(ALibrary& library, int* count = nullptr, bool keepLoaded = false) {
+    std::string const path = folder_.place(kPlugIn);
+    EXPECT_TRUE(open(library, path, keepLoaded));
+    if (count != nullptr) countUnloadings(library, *count);
+    recorder_.clear();
+    return handleOf(path);
+  }
+
   PlugInFolder folder_;
   LogRecorder recorder_;
 };
@@ -110,7 +132,7 @@ TEST_F(ALibraryTest, OpenLogsCallAndHandle) {
 }
 
 TEST_F(ALibraryTest, ALibraryNeedNotBeRequired) {
-  std::string const path = folder_.place("plugin.so");
+  std::string const path = folder_.place(kPlugIn);
   ALibrary library;
   EXPECT_TRUE(library.open(/*required=*/false, widened(path).c_str(), /*decorate=*/false,
                            /*keepLoaded=*/false));
@@ -142,7 +164,7 @@ TEST_F(ALibraryTest, ErrorShowsTheScopesAroundIt) {
 
 TEST_F(ALibraryTest, ScopesEndWithTheirOperations) {
   ALibrary library;
-  ASSERT_TRUE(open(library, folder_.place("plugin.so")));
+  openPlugIn(library);
   EXPECT_EQ(versionText(library), "4.6.0.1234");
   library.close();
   recorder_.clear();
@@ -297,91 +319,75 @@ INSTANTIATE_TEST_SUITE_P(
 
 // --- Symbols ----------------------------------------------------------------------------
 
+/// What get() leaves where there is no such symbol.
+void expectNoSymbol(ALibrary& library, bool required, char const* symbol) {
+  int something = 0;
+  int* slot = &something;
+  EXPECT_FALSE(library.get(required, symbol, &slot));
+  EXPECT_EQ(slot, nullptr);
+}
+
 TEST_F(ALibraryTest, GetStoresTheAddress) {
-  std::string const path = folder_.place("plugin.so");
   ALibrary library;
-  ASSERT_TRUE(open(library, path));
-  recorder_.clear();
+  void* const handle = openPlugIn(library);
   for (bool const required : {false, true}) {
     int* answer = nullptr;
     EXPECT_TRUE(library.get(required, "plugInAnswer", &answer));
     ASSERT_NE(answer, nullptr);
     EXPECT_EQ(*answer, 42);
   }
-  LogRecord const call = detailRecord(kGroup, getCall(handleOf(path), L"plugInAnswer"));
+  LogRecord const call = detailRecord(kGroup, getCall(handle, L"plugInAnswer"));
   EXPECT_EQ(recorder_.records(), (Records{call, call}));
 }
 
-TEST_F(ALibraryTest, MissingSymbolIsAnErrorWhereRequired) {
-  std::string const path = folder_.place("plugin.so");
+struct NoSymbol {
+  char const* label;
+  char const* symbol;
+  wchar_t const* shown;
+  wchar_t const* error;  // a part of it
+};
+
+void PrintTo(NoSymbol const& row, std::ostream* out) { *out << row.label; }
+
+class ALibraryNoSymbolTest : public ALibraryTest, public testing::WithParamInterface<NoSymbol> {};
+
+TEST_P(ALibraryNoSymbolTest, IsAnErrorWhereRequired) {
   ALibrary library;
-  ASSERT_TRUE(open(library, path));
-  recorder_.clear();
-  int something = 0;
-  int* slot = &something;
-  EXPECT_FALSE(library.get(/*required=*/true, "plugInMissing", &slot));
-  EXPECT_EQ(slot, nullptr);
-  Records const records = recorder_.records();
-  void* const handle = handleOf(path);
-  char const* error = nullptr;
-  ASSERT_EQ(zulGetProcAddress(handle, "plugInMissing", &error), nullptr);
-  std::wstring const text = widened(error);
-  EXPECT_NE(text.find(L"plugInMissing"), std::wstring::npos);
-  EXPECT_EQ(records, failed(getCall(handle, L"plugInMissing"), text));
+  void* const handle = openPlugIn(library);
+  expectNoSymbol(library, /*required=*/true, GetParam().symbol);
+  std::wstring const error = symbolError(handle, GetParam().symbol);
+  EXPECT_NE(error.find(GetParam().error), std::wstring::npos) << testing::PrintToString(error);
+  EXPECT_EQ(recorder_.records(), failed(getCall(handle, GetParam().shown), error));
 }
 
-TEST_F(ALibraryTest, MissingSymbolIsSilentWhereNotRequired) {
-  std::string const path = folder_.place("plugin.so");
+TEST_P(ALibraryNoSymbolTest, IsSilentWhereNotRequired) {
   ALibrary library;
-  ASSERT_TRUE(open(library, path));
-  recorder_.clear();
-  int something = 0;
-  int* slot = &something;
-  EXPECT_FALSE(library.get(/*required=*/false, "plugInMissing", &slot));
-  EXPECT_EQ(slot, nullptr);
+  void* const handle = openPlugIn(library);
+  expectNoSymbol(library, /*required=*/false, GetParam().symbol);
   EXPECT_EQ(recorder_.records(),
-            (Records{detailRecord(kGroup, getCall(handleOf(path), L"plugInMissing"))}));
+            (Records{detailRecord(kGroup, getCall(handle, GetParam().shown))}));
 }
 
+constexpr NoSymbol kNoSymbols[] = {
+    {"Missing", "plugInMissing", L"plugInMissing", L"plugInMissing"},
+    {"Empty", "", L"", L""},
+    {"Null", nullptr, L"(null)", L"no name of a symbol"},
 #ifndef __APPLE__
-
-TEST_F(ALibraryTest, NullAddressIsNoSymbol) {
-  std::string const path = folder_.place("plugin.so");
-  ALibrary library;
-  ASSERT_TRUE(open(library, path));
-  recorder_.clear();
-  int something = 0;
-  int* slot = &something;
-  EXPECT_FALSE(library.get(/*required=*/true, "plugInNothing", &slot));
-  EXPECT_EQ(slot, nullptr);
-  EXPECT_EQ(recorder_.records(),
-            failed(getCall(handleOf(path), L"plugInNothing"), L"the symbol has no address"));
-}
-
+    {"NullAddress", "plugInNothing", L"plugInNothing", L"the symbol has no address"},
 #endif
+};
 
-TEST_F(ALibraryTest, NullSymbolIsMissing) {
-  std::string const path = folder_.place("plugin.so");
-  ALibrary library;
-  ASSERT_TRUE(open(library, path));
-  recorder_.clear();
-  int something = 0;
-  int* slot = &something;
-  EXPECT_FALSE(library.get(/*required=*/true, nullptr, &slot));
-  EXPECT_EQ(slot, nullptr);
-  EXPECT_EQ(recorder_.records(),
-            failed(getCall(handleOf(path), L"(null)"), L"no name of a symbol"));
-}
+INSTANTIATE_TEST_SUITE_P(Symbols, ALibraryNoSymbolTest, testing::ValuesIn(kNoSymbols),
+                         [](testing::TestParamInfo<NoSymbol> const& test) {
+                           return test.param.label;
+                         });
 
 TEST_F(ALibraryTest, NothingLoadedHasNoSymbols) {
   ALibrary library;
-  int something = 0;
-  int* slot = &something;
-  EXPECT_FALSE(library.get(/*required=*/true, "malloc", &slot));
-  EXPECT_EQ(slot, nullptr);
+  expectNoSymbol(library, /*required=*/true, "malloc");
   EXPECT_EQ(recorder_.records(), failed(getCall(nullptr, L"malloc"), L"no library is loaded"));
   recorder_.clear();
-  EXPECT_FALSE(library.get(/*required=*/false, "malloc", &slot));
+  expectNoSymbol(library, /*required=*/false, "malloc");
   EXPECT_EQ(recorder_.records(), (Records{detailRecord(kGroup, getCall(nullptr, L"malloc"))}));
 }
 
@@ -396,32 +402,22 @@ TEST_F(ALibraryTest, NothingLoadedClosesInSilence) {
 }
 
 TEST_F(ALibraryTest, CloseUnloadsOnce) {
-  std::string const path = folder_.place("plugin.so");
   int count = 0;
   ALibrary library;
-  ASSERT_TRUE(open(library, path));
-  countUnloadings(library, count);
-  void* const handle = handleOf(path);
-  recorder_.clear();
+  void* const handle = openPlugIn(library, &count);
   library.close();
   EXPECT_EQ(count, 1);
   library.close();
   EXPECT_EQ(recorder_.records(), (Records{detailRecord(kGroup, freeCall(handle))}));
-  int* slot = &count;
-  EXPECT_FALSE(library.get(/*required=*/false, "plugInAnswer", &slot));
-  EXPECT_EQ(slot, nullptr);
+  expectNoSymbol(library, /*required=*/false, "plugInAnswer");
 }
 
 TEST_F(ALibraryTest, DestructorUnloads) {
-  std::string const path = folder_.place("plugin.so");
   int count = 0;
   void* handle = nullptr;
   {
     ALibrary library;
-    ASSERT_TRUE(open(library, path));
-    countUnloadings(library, count);
-    handle = handleOf(path);
-    recorder_.clear();
+    handle = openPlugIn(library, &count);
     EXPECT_EQ(count, 0);
   }
   EXPECT_EQ(count, 1);
@@ -429,7 +425,7 @@ TEST_F(ALibraryTest, DestructorUnloads) {
 }
 
 TEST_F(ALibraryTest, OpensAgainAfterClose) {
-  std::string const path = folder_.place("plugin.so");
+  std::string const path = folder_.place(kPlugIn);
   int count = 0;
   ALibrary library;
   for (int round = 0; round < 3; ++round) {
@@ -442,17 +438,14 @@ TEST_F(ALibraryTest, OpensAgainAfterClose) {
 
 // Its counter goes on counting at the end of the process, so it is no local one.
 TEST_F(ALibraryTest, KeptLibraryIsNeverUnloaded) {
-  std::string const path = folder_.place("plugin.so");
   unloadings = 0;
   int* answer = nullptr;
   void* handle = nullptr;
   {
     ALibrary library;
-    ASSERT_TRUE(open(library, path, /*keepLoaded=*/true));
-    countUnloadings(library, unloadings);
+    handle = openPlugIn(library, &unloadings, /*keepLoaded=*/true);
     ASSERT_TRUE(library.get(/*required=*/true, "plugInAnswer", &answer));
     *answer = 43;
-    handle = handleOf(path);
     recorder_.clear();
     library.close();
     EXPECT_EQ(recorder_.records(), (Records{detailRecord(kGroup, freeCall(handle))}));
@@ -460,13 +453,13 @@ TEST_F(ALibraryTest, KeptLibraryIsNeverUnloaded) {
     EXPECT_EQ(recorder_.records().size(), 1U);
     EXPECT_EQ(unloadings, 0);
     EXPECT_EQ(*answer, 43);
-    ASSERT_TRUE(open(library, path, /*keepLoaded=*/true));
+    ASSERT_TRUE(open(library, folder_ / kPlugIn, /*keepLoaded=*/true));
     recorder_.clear();
   }
   EXPECT_EQ(recorder_.records(), (Records{detailRecord(kGroup, freeCall(handle))}));
   EXPECT_EQ(unloadings, 0);
   ALibrary again;
-  ASSERT_TRUE(open(again, path));
+  ASSERT_TRUE(open(again, folder_ / kPlugIn));
   int* sameAnswer = nullptr;
   ASSERT_TRUE(again.get(/*required=*/true, "plugInAnswer", &sameAnswer));
   EXPECT_EQ(sameAnswer, answer);
@@ -474,15 +467,12 @@ TEST_F(ALibraryTest, KeptLibraryIsNeverUnloaded) {
 }
 
 TEST_F(ALibraryTest, EachOpenDecidesWhetherToKeep) {
-  std::string const kept = folder_.place("kept.so");
-  std::string const other = folder_.place("other.so");
   unloadings = 0;
   int count = 0;
   ALibrary library;
-  ASSERT_TRUE(open(library, kept, /*keepLoaded=*/true));
-  countUnloadings(library, unloadings);
+  openPlugIn(library, &unloadings, /*keepLoaded=*/true);
   library.close();
-  ASSERT_TRUE(open(library, other, /*keepLoaded=*/false));
+  ASSERT_TRUE(open(library, folder_.place("other.so"), /*keepLoaded=*/false));
   countUnloadings(library, count);
   library.close();
   EXPECT_EQ(unloadings, 0);
@@ -490,15 +480,11 @@ TEST_F(ALibraryTest, EachOpenDecidesWhetherToKeep) {
 }
 
 TEST_F(ALibraryTest, SecondOpenForgetsTheFirstLibrary) {
-  std::string const first = folder_.place("first.so");
   std::string const second = folder_.place("second.so", PLUG_IN_OLD);
   int firstCount = 0;
   int secondCount = 0;
   ALibrary library;
-  ASSERT_TRUE(open(library, first));
-  countUnloadings(library, firstCount);
-  void* const forgotten = handleOf(first);
-  recorder_.clear();
+  void* const forgotten = openPlugIn(library, &firstCount);
   ASSERT_TRUE(open(library, second));
   EXPECT_EQ(recorder_.records(), (Records{detailRecord(kGroup, loadCall(widened(second))),
                                           detailRecord(kGroup, L"=" + textOf(handleOf(second)))}));
@@ -512,12 +498,9 @@ TEST_F(ALibraryTest, SecondOpenForgetsTheFirstLibrary) {
 }
 
 TEST_F(ALibraryTest, FailedSecondOpenForgetsTheFirstLibrary) {
-  std::string const first = folder_.place("first.so");
   int count = 0;
   ALibrary library;
-  ASSERT_TRUE(open(library, first));
-  countUnloadings(library, count);
-  void* const forgotten = handleOf(first);
+  void* const forgotten = openPlugIn(library, &count);
   EXPECT_FALSE(open(library, folder_ / "missing.so"));
   recorder_.clear();
   library.close();
@@ -531,63 +514,62 @@ TEST_F(ALibraryTest, FailedSecondOpenForgetsTheFirstLibrary) {
 
 // What a program needs stays in it, whoever gives it back: the loader then answers
 // that it is not open.
-TEST_F(ALibraryTest, FailedUnloadingIsAnErrorAndForgetsTheLibrary) {
-  constexpr char kAlwaysThere[] = "libm.so.6";
+class ALibraryGivenBackTest : public ALibraryTest {
+protected:
+  void openAndGiveBack(ALibrary& library, bool keepLoaded) {
+    constexpr char kAlwaysThere[] = "libm.so.6";
+    ASSERT_TRUE(open(library, kAlwaysThere, keepLoaded));
+    handle_ = handleOf(kAlwaysThere);
+    ASSERT_NE(zulFreeLibrary(handle_), 0);
+    recorder_.clear();
+  }
+
+  void* handle_ = nullptr;
+};
+
+TEST_F(ALibraryGivenBackTest, FailedUnloadingIsAnErrorAndForgetsTheLibrary) {
   ALibrary library;
-  ASSERT_TRUE(open(library, kAlwaysThere));
-  void* const handle = handleOf(kAlwaysThere);
-  ASSERT_NE(zulFreeLibrary(handle), 0);
-  recorder_.clear();
+  openAndGiveBack(library, /*keepLoaded=*/false);
   library.close();
-  EXPECT_EQ(recorder_.records(), failed(freeCall(handle), L"failed"));
+  EXPECT_EQ(recorder_.records(), failed(freeCall(handle_), L"failed"));
   recorder_.clear();
   library.close();
   EXPECT_EQ(recorder_.records(), Records{});
 }
 
-TEST_F(ALibraryTest, KeptLibraryIsNotGivenBackAtAll) {
-  constexpr char kAlwaysThere[] = "libm.so.6";
+TEST_F(ALibraryGivenBackTest, KeptLibraryIsNotGivenBackAtAll) {
   ALibrary library;
-  ASSERT_TRUE(open(library, kAlwaysThere, /*keepLoaded=*/true));
-  void* const handle = handleOf(kAlwaysThere);
-  ASSERT_NE(zulFreeLibrary(handle), 0);
-  recorder_.clear();
+  openAndGiveBack(library, /*keepLoaded=*/true);
   library.close();
-  EXPECT_EQ(recorder_.records(), (Records{detailRecord(kGroup, freeCall(handle))}));
+  EXPECT_EQ(recorder_.records(), (Records{detailRecord(kGroup, freeCall(handle_))}));
 }
 
 #endif
 
 // A logger whose disk is full, say.
-class ThrowingLogger final : public vornix_com::oxa::logger::ILogger {
+class ThrowingLogger final : public OwnLogger {
 public:
-  void start() override {}
-
-  void attach(std::wstring const& /*name*/) override {}
-
-  void setMinLogLevel(vornix_com::oxa::logger::LogLevel const& /*level*/) override {}
-
   bool isDetailLoggingEnabled() override { return true; }
 
-  void logMessage(vornix_com::oxa::logger::LogLevel const& /*level*/, std::wstring const& /*group*/,
+  void logMessage(LogLevel const& /*level*/, std::wstring const& /*group*/,
                   std::wstring const& /*message*/) override {
     throw std::runtime_error("no log");
   }
 };
 
+// Counts go on at the end of the process where the library is kept.
 TEST_F(ALibraryTest, DestructorOutlivesALoggerThatThrows) {
-  std::string const path = folder_.place("plugin.so");
-  int count = 0;
-  ThrowingLogger logger;
-  vornix_com::oxa::logger::ILogger* before = nullptr;
-  {
-    ALibrary library;
-    ASSERT_TRUE(open(library, path));
-    countUnloadings(library, count);
-    before = vornix_com::oxa::logger::ILogger::SetLogger(&logger);
+  for (bool const keepLoaded : {false, true}) {
+    unloadings = 0;
+    std::filesystem::remove(folder_ / kPlugIn);
+    std::optional<ALibrary> library(std::in_place);
+    openPlugIn(*library, &unloadings, keepLoaded);
+    {
+      ThrowingLogger const logger;
+      library.reset();
+    }
+    EXPECT_EQ(unloadings, keepLoaded ? 0 : 1);
   }
-  vornix_com::oxa::logger::ILogger::SetLogger(before);
-  EXPECT_EQ(count, 1);
 }
 
 // --- Versions of plug-ins ---------------------------------------------------------------

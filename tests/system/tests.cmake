@@ -28,6 +28,7 @@ endfunction()
 
 vrxutil_test(system crypt_wrap_test)
 vrxutil_test(system host_test)
+vrxutil_test(system host_query_test)
 vrxutil_test(system library_test)
 vrxutil_uses_plug_ins(system_library_test)
 vrxutil_uses_plug_ins(platform_load_library_test)

@@ -1,17 +1,23 @@
 #include "tests/support/locale_scope.h"
+#include "tests/text/made_locale.h"
 
 #include <vrxutil/system.h>
 
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cerrno>
 #include <climits>
+#include <cstddef>
 #include <cstdint>
 #include <cwchar>
 #include <ostream>
 #include <random>
 #include <string>
+#include <string_view>
 #include <type_traits>
+#include <utility>
+#include <vector>
 
 namespace vrxutil::test {
 namespace {
@@ -206,6 +212,11 @@ TEST(AVersionTest, NumberBeyondLongIsTheNearestLong) {
 
 // --- Against the C library's scan -------------------------------------------------------
 
+/// The no-break space is a blank here.
+constexpr LocaleChoice kLatin1WithBlank{"Latin1WithBlank", nullptr, "ISO-8859-1",
+                                        "space <U0009>;<U000A>;<U000B>;<U000C>;<U000D>;<U0020>;"
+                                        "<U00A0>\n"};
+
 AVersion scanned(std::wstring const& text) {
   Parts parts{};
   std::swscanf(text.c_str(), L"%d.%d.%d.%d", &parts[0], &parts[1], &parts[2], &parts[3]);
@@ -218,6 +229,16 @@ void expectAsScanned(std::wstring const& text) {
   ASSERT_EQ(version.compare(&expected), 0)
       << "for " << testing::PrintToString(text) << ": " << testing::PrintToString(textOf(version))
       << " instead of " << testing::PrintToString(textOf(expected));
+}
+
+/// All texts of up to `mostLetters` of `letters`.
+void expectAllAsScanned(std::wstring_view letters, std::size_t mostLetters) {
+  std::vector<std::wstring> texts{L""};
+  for (std::size_t first = 0; first < texts.size() && !testing::Test::HasFatalFailure(); ++first) {
+    expectAsScanned(texts[first]);
+    if (texts[first].size() == mostLetters) continue;
+    for (wchar_t const letter : letters) texts.push_back(texts[first] + letter);
+  }
 }
 
 // A version, mostly; with something wrong now and then.
@@ -295,6 +316,42 @@ TEST(AVersionScanTest, EveryCharacterBeforeANumberInUtf8Locale) {
     expectAsScanned(std::wstring(L"1.") + character + L"2.3");
     expectAsScanned(std::wstring(L"1") + character + L"2.3");
   }
+}
+
+TEST(AVersionScanTest, AllShortTexts) {
+  for (char const* const name : {"C", "C.UTF-8"}) {
+    LocaleScope const locale(name);
+    expectAllAsScanned(L"019. \t+-xA\u2003\u00A0", 4);
+    expectAllAsScanned(L"1. +-", 7);
+  }
+}
+
+TEST(AVersionScanTest, AllBlanksOfASingleByteLocale) {
+  ChosenLocale const locale(kLatin1WithBlank);
+  if (!locale.whyMissing().empty()) GTEST_SKIP() << locale.whyMissing();
+  EXPECT_EQ(textOf(AVersion(L"1.\u00A02")), L"1.2.0.0");
+  expectAllAsScanned(L"1. +-\u00A0\u2003\u0085", 5);
+}
+
+// Where a digit more makes a number too long for 16, 31, 32, 63 or 64 bits.
+TEST(AVersionScanTest, AllNumbersAroundTheLimits) {
+  for (int const bits : {16, 31, 32, 63, 64}) {
+    std::uint64_t const least = ~std::uint64_t{0} >> (64 - bits);
+    for (std::uint64_t number = least - 30; number != least + (bits < 64 ? 30 : 1); ++number) {
+      for (wchar_t const* const sign : {L"", L"-"}) {
+        std::wstring const text = sign + std::to_wstring(number);
+        expectAsScanned(L"0.0.0." + text);
+        expectAsScanned(text + L"0." + text + L"5." + text + L"9.1");
+        expectAsScanned(L"0.0.0." + text + std::wstring(20, L'0'));
+      }
+    }
+  }
+}
+
+TEST(AVersionTest, NumberTooLongLeavesErrno) {
+  errno = 0;
+  EXPECT_EQ(textOf(AVersion(L"1.99999999999999999999999")).substr(0, 1), L"6");
+  EXPECT_EQ(errno, 0);
 }
 
 TEST(AVersionScanTest, WideBlankIsSkippedWhereTheLocaleKnowsIt) {

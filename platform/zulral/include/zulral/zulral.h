@@ -29,17 +29,18 @@
 #endif
 
 /// Loads a dynamic library (POSIX dlopen, with RTLD_NOW and RTLD_LOCAL); returns its
-/// handle, or null with `*error` set to a text that is valid until the thread's next
-/// call of this kind.
+/// handle, or null with `*error` (unless `error` is null) set to a text that is valid
+/// until the thread's next call of this kind.
 ///
 /// A name without a slash is looked for where the host keeps libraries. Where ".so" is
-/// the host's ending, a name that ends in ".dylib" and does not exist is tried once
-/// more with that. Where the name has a slash, what is no regular file is refused, and
+/// the host's ending, a name that ends in ".dylib" and does not exist (without a slash:
+/// that cannot be loaded) is tried once more with that; if this fails too, the text is
+/// about the ".so". Where the name has a slash, what is no regular file is refused, and
 /// so is an ELF file that ends before one of its segments does.
 ZULRAL_EXPORT void* zulLoadLibrary(char const* name, char const** error);
 
 /// The address of a symbol of `library`; null with `*error` set, as above, when it has
-/// none. A null `library` has no symbols.
+/// none, or its address is null. A null `library` has no symbols.
 ZULRAL_EXPORT void* zulGetProcAddress(void* library, char const* symbol, char const** error);
 
 /// Gives a library back, which goes when nobody else has it; non-zero on success.
@@ -121,7 +122,8 @@ extern "C" {
 /// `*size`; returns 0. A null `value` asks for the size.
 ///
 /// -1 with errno: ENOENT for another name, or without such tables (or what open(2) and
-/// read(2) say of them); EPERM with a new value; ENOMEM where `value` is too small: it
+/// read(2) say of them); EFBIG for an entry of more than 4096 bytes; EPERM with a new
+/// value; EFAULT for a `value` without `size`; ENOMEM where `value` is too small: it
 /// gets as much as it has room for, without a NUL.
 ZULRAL_EXPORT int sysctlbyname(char const* name, void* value, std::size_t* size,
                                void const* newValue, std::size_t newSize);
