@@ -98,48 +98,45 @@ struct Decoding {
 };
 
 /// Decodes a character at a time, up to `limit` and on to where a group begins.
-// What it counts stands in variables of its own: each byte written might change what
-// is reached by a reference.
+// What changes stands in variables of its own: each byte written might change what is
+// reached by a reference.
 void decodeCharacters(Decoding& text, unsigned long limit) {
-  char const* const source = text.source;
-  unsigned char* const target = text.target;
   unsigned phase = text.phase;
   unsigned carry = text.carry;
   unsigned long used = text.used;
   unsigned long written = text.written;
-  auto const put = [&](unsigned bits) { target[written++] = static_cast<unsigned char>(bits); };
-  auto const decodeOne = [&] {
-    char const character = source[used++];
-    if (character == '=') {
-      phase = 0;
-      return;
+  while (written < text.room && (used < limit || (phase != 0 && used < text.length))) {
+    // A character gives a byte at most: these need not ask for room.
+    unsigned long const count = used < limit ? std::min(limit - used, text.room - written) : 1;
+    char const* next = text.source + used;
+    char const* const end = next + count;
+    unsigned char* place = text.target + written;
+    auto const put = [&place](unsigned bits) { *place++ = static_cast<unsigned char>(bits); };
+    while (next != end) {
+      char const character = *next++;
+      if (character == '=') phase = 0;
+      unsigned const value = valueOfBase64(character);
+      if (!isBase64Value(value)) continue;
+      switch (phase) {
+        case 0:
+          carry = value << 2;
+          break;
+        case 1:
+          put(carry | value >> 4);
+          carry = value << 4 & 0xFF;
+          break;
+        case 2:
+          put(carry | value >> 2);
+          carry = value << 6 & 0xFF;
+          break;
+        default:
+          put(carry | value);
+      }
+      phase = (phase + 1) % 4;
     }
-    unsigned const value = valueOfBase64(character);
-    if (!isBase64Value(value)) return;
-    switch (phase) {
-      case 0:
-        carry = value << 2;
-        phase = 1;
-        break;
-      case 1:
-        put(value >> 4 | carry);
-        carry = value << 4 & 0xFF;
-        phase = 2;
-        break;
-      case 2:
-        put(value >> 2 | carry);
-        carry = value << 6 & 0xFF;
-        phase = 3;
-        break;
-      default:
-        put(carry | value);
-        phase = 0;
-    }
-  };
-  unsigned long const length = text.length;
-  unsigned long const room = text.room;
-  while (used < limit && written < room) decodeOne();
-  while (phase != 0 && used < length && written < room) decodeOne();
+    used += count;
+    written = static_cast<unsigned long>(place - text.target);
+  }
   text.phase = phase;
   text.carry = carry;
   text.used = used;
@@ -171,20 +168,19 @@ constexpr unsigned long kStretch = 256;
 /// Decodes from where a group begins, until near the end of the source or of the
 /// target, or near a "=".
 void decodeStretches(Decoding& text) {
-  std::array<char, kStretch + kBase64CompactionBlock> kept;
+  std::array<char, 4 + kStretch> kept;  // what waits of a group, then a stretch
   unsigned long waiting = 0;
-  // A stretch and what waits before it give fewer bytes than the stretch has
-  // characters, and four.
-  while (text.length - text.used >= kBase64CompactionBlock &&
-         text.room - text.written >= kBase64CompactionBlock + 4) {
+  for (;;) {
+    // A stretch and what waits before it give fewer bytes than the stretch has
+    // characters: the target is not full before its end.
     unsigned long const size =
-        std::min({kStretch - waiting, text.length - text.used, text.room - text.written - 4});
+        std::min({kStretch, text.length - text.used, text.room - text.written});
     auto const [read, count] = compactBase64(text.source + text.used, size, kept.data() + waiting);
     if (read == 0) break;
     text.used += read;
     waiting += count;
     unsigned long const groups = decodeGroups(text, kept.data(), waiting);
-    std::copy_n(kept.data() + 4 * groups, 4, kept.data());
+    std::memmove(kept.data(), kept.data() + 4 * groups, 4);
     waiting -= 4 * groups;
     if (count < read) continue;
     // Clean: what waits is what was read last.
@@ -229,8 +225,8 @@ unsigned long decodeLastGroup(char const* group, unsigned char* target, unsigned
   unsigned const third = valueOfBase64(group[2]);
   bool const hasThird = isBase64Value(third);
   unsigned long const count = hasThird ? 2 : 1;
-  bool const isOne =
-      isBase64Value(first | second) && (hasThird || group[2] == '=') && group[3] == '=';
+  // What is not in the alphabet leaves the third place as empty as "=" does.
+  bool const isOne = isBase64Value(first | second) && group[3] == '=';
   if (!isOne || room < count) return 0;
   target[0] = static_cast<unsigned char>(first << 2 | second >> 4);
   carry = second << 4 & 0xFF;

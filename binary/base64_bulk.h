@@ -43,7 +43,7 @@ std::size_t encodeBase64Text(unsigned char const* source, std::size_t size, char
 /// Nothing is written behind them.
 std::size_t decodeBase64Groups(char const* source, std::size_t groups, unsigned char* target);
 
-/// compactBase64() reads blocks of this size, and may write as much behind its result.
+/// What compactBase64() reads at once.
 inline constexpr std::size_t kBase64CompactionBlock = 16;
 
 struct Base64Compaction {
@@ -52,8 +52,8 @@ struct Base64Compaction {
 };
 
 /// Copies the characters of the alphabet out of whole blocks of at most `size`
-/// characters, up to the first block that has a "=". Reads nothing on a host where
-/// that takes as long as decoding them.
+/// characters, up to the first block that has a "=". May write behind them, but not
+/// beyond `size`. Reads nothing on a host where that takes as long as decoding them.
 Base64Compaction compactBase64(char const* source, std::size_t size, char* target);
 
 }  // namespace vrxutil::detail

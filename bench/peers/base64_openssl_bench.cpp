@@ -71,7 +71,7 @@ void BM_OpensslBase64DecodeUpdate(benchmark::State& state) {
     EVP_DecodeUpdate(context.get(), targetOf(target), &written, sourceOf(text),
                      static_cast<int>(text.size()));
     EVP_DecodeFinal(context.get(), targetOf(target + written), &rest);
-    return static_cast<std::size_t>(written + rest);
+    return static_cast<std::size_t>(written) + static_cast<std::size_t>(rest);
   });
 }
 

@@ -276,9 +276,11 @@ inline void ABinaryStream::construct(unsigned char* start, unsigned char* rangeE
   overflow = 0;
 }
 
-// A length that no memory has comes round: nothing fits then.
+// Addresses are added as numbers, which pointers must not be where they leave the
+// range. A length that no memory has comes round: nothing fits then.
 inline void ABinaryStream::setPointer(unsigned char* start, unsigned long length) noexcept {
   cursor = start;
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): see above
   end = reinterpret_cast<unsigned char*>(addressOf(start) + length);
   overflow = 0;
 }

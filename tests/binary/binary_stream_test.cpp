@@ -1,6 +1,7 @@
 #include "tests/support/locale_scope.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/memory_shortage.h"
+#include "tests/text/made_locale.h"
 
 #include <vrxutil/binary.h>
 
@@ -395,6 +396,18 @@ TEST_F(ABinaryStreamTest, TextIsConvertedFromItsFirstForeignCharacterOn) {
     natural.stream().writeString(AString(row.text));
     expectWritten(natural, Bytes(row.whole.begin(), row.whole.end()));
   }
+  expectNoRecords();
+}
+
+TEST_F(ABinaryStreamTest, TextIsConvertedWhereNoLetterIsAscii) {
+  ChosenLocale const locale(kEbcdic);
+  if (!locale.whyMissing().empty()) GTEST_SKIP() << locale.whyMissing();
+  Range fixed(12);
+  fixed.stream().writeString(4, AString(std::wstring(L"A1")));
+  expectWritten(fixed, {0xC1, 0xF1, 0, 0});
+  Range natural(12);
+  natural.stream().writeString(AString(std::wstring(L"A1")));
+  expectWritten(natural, {0xC1, 0xF1});
   expectNoRecords();
 }
 

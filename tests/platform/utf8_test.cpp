@@ -1,5 +1,7 @@
 #include "platform/common/utf8.h"
 
+#include "tests/support/guarded_memory.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -12,14 +14,13 @@
 #include <string_view>
 #include <vector>
 
-#include <sys/mman.h>
-#include <unistd.h>
-
 namespace vrxutil::detail {
 
 namespace {
 
 using namespace std::string_view_literals;
+
+using test::GuardedMemory;
 
 /// The table of RFC 3629, section 4: which bytes may follow one another.
 struct Form {
@@ -101,39 +102,6 @@ std::string oracleEncode(std::wstring const& text) {
   }
   return bytes;
 }
-
-/// Memory that ends where the process may not go: reading or writing one byte
-/// too many ends the test.
-class GuardedMemory {
-public:
-  explicit GuardedMemory(std::size_t maxSize) {
-    auto const page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
-    size_ = (maxSize + page - 1) / page * page;
-    void* const memory =
-        ::mmap(nullptr, size_ + page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED) throw std::bad_alloc();
-    start_ = static_cast<char*>(memory);
-    mappedSize_ = size_ + page;
-    if (::mprotect(start_ + size_, page, PROT_NONE) != 0) throw std::bad_alloc();
-  }
-
-  ~GuardedMemory() { ::munmap(start_, mappedSize_); }
-
-  GuardedMemory(GuardedMemory const&) = delete;
-  GuardedMemory& operator=(GuardedMemory const&) = delete;
-
-  /// The last `count` elements before the guard.
-  template <class T>
-  T* last(std::size_t count) const {
-    void* const address = start_ + size_ - count * sizeof(T);
-    return static_cast<T*>(address);
-  }
-
-private:
-  char* start_ = nullptr;
-  std::size_t size_ = 0;
-  std::size_t mappedSize_ = 0;
-};
 
 /// decodeUtf8, with guards behind what it may read and write.
 Decoded decode(std::string_view bytes) {

@@ -2,6 +2,7 @@
 // the forms of AString that take char const* and char, held against the C
 // library's own mbstowcs and mbrtowc.
 
+#include "tests/support/guarded_memory.h"
 #include "tests/support/locale_scope.h"
 #include "tests/support/log_recorder.h"
 #include "tests/text/made_locale.h"
@@ -26,9 +27,6 @@
 #include <thread>
 #include <type_traits>
 #include <vector>
-
-#include <sys/mman.h>
-#include <unistd.h>
 
 namespace vrxutil::test {
 namespace {
@@ -86,38 +84,6 @@ void expectConversion(char const* bytes) {
   ASSERT_EQ((changed = bytes).const_cpp_str(), text);
   ASSERT_EQ(recorder.records(), records);
 }
-
-// A text that ends where the memory that may be read ends.
-class TextAtThePagesEnd {
-public:
-  TextAtThePagesEnd() : pageSize_(static_cast<std::size_t>(::sysconf(_SC_PAGESIZE))) {
-    void* const pages =
-        ::mmap(nullptr, 2 * pageSize_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (pages == MAP_FAILED) return;
-    page_ = static_cast<char*>(pages);
-    if (::mprotect(page_ + pageSize_, pageSize_, PROT_NONE) != 0) ready_ = false;
-  }
-
-  ~TextAtThePagesEnd() {
-    if (page_ != nullptr) ::munmap(page_, 2 * pageSize_);
-  }
-
-  TextAtThePagesEnd(TextAtThePagesEnd const&) = delete;
-  TextAtThePagesEnd& operator=(TextAtThePagesEnd const&) = delete;
-
-  bool ready() const { return page_ != nullptr && ready_; }
-
-  char const* hold(std::string const& text) {
-    char* const start = page_ + pageSize_ - text.size() - 1;
-    std::memcpy(start, text.c_str(), text.size() + 1);
-    return start;
-  }
-
-private:
-  std::size_t pageSize_;
-  char* page_ = nullptr;
-  bool ready_ = true;
-};
 
 // A text `alignment` bytes behind the start of its memory, and at its end.
 class AlignedText {
@@ -192,11 +158,12 @@ TEST_P(ConversionTest, EveryAlignmentOfAShortAndALongRun) {
 }
 
 TEST_P(ConversionTest, NothingIsReadBehindTheTerminator) {
-  TextAtThePagesEnd page;
-  ASSERT_TRUE(page.ready());
+  GuardedMemory const memory(kLongestRun + 4);
   for (std::size_t length = 0; length <= kLongestRun; ++length) {
     for (char const* const tail : {"", "\xC3", "\xC3\xA9", "\xE2\x82\xAC"}) {
-      expectConversion(page.hold(asciiRun(length) + tail));
+      std::string const text = asciiRun(length) + tail;
+      char* const place = memory.last<char>(text.size() + 1);
+      expectConversion(std::strcpy(place, text.c_str()));
       if (HasFatalFailure()) return;
     }
   }
