@@ -199,7 +199,9 @@ TEST_F(HostModelTest, TextAndNulAreCopied) {
     std::size_t size = room;
     EXPECT_EQ(::sysctlbyname("hw.model", text.data(), &size, nullptr, 0), 0);
     EXPECT_EQ(size, sizeof "Latitude");
-    EXPECT_EQ(text, std::string("Latitude", 9) + std::string(room + 1 - 9, '?'));
+    std::string expected(room + 1, '?');
+    expected.replace(0, sizeof "Latitude", "Latitude", sizeof "Latitude");
+    EXPECT_EQ(text, expected);
   }
 }
 
