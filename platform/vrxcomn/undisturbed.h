@@ -2,27 +2,12 @@
 
 #pragma once
 
+#include "platform/common/cancellation.h"
 #include "platform/common/write_signals.h"
 
 #include <cerrno>
 
-#include <pthread.h>
-
 namespace vrxutil::detail {
-
-/// Keeps a pending pthread_cancel waiting while it lives.
-class CancellationDisabled {
-public:
-  CancellationDisabled() noexcept { ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
-
-  ~CancellationDisabled() { ::pthread_setcancelstate(before_, nullptr); }
-
-  CancellationDisabled(CancellationDisabled const&) = delete;
-  CancellationDisabled& operator=(CancellationDisabled const&) = delete;
-
-private:
-  int before_ = PTHREAD_CANCEL_ENABLE;
-};
 
 /// While it lives, what the calling thread writes has no effect on it but its
 /// result: no signal, no cancellation. errno is at the end what it was at the

@@ -26,3 +26,13 @@ if(TARGET agent)
     COMMAND "${PROJECT_SOURCE_DIR}/script/demo" "$<TARGET_FILE:agent>")
   set_tests_properties(examples/demo PROPERTIES TIMEOUT 300)
 endif()
+
+# The sample counter.
+if(TARGET shared_counter)
+  vrxutil_test(examples shared_counter_test)
+  target_compile_definitions(examples_shared_counter_test PRIVATE
+    COUNTER_PROGRAM="$<TARGET_FILE:shared_counter>"
+    FOREIGN_PROCESS="$<TARGET_FILE:lock_foreign_process>"
+    OWN_PROCESS="$<TARGET_FILE:lock_own_process>")
+  add_dependencies(examples_shared_counter_test shared_counter)
+endif()
