@@ -1,6 +1,6 @@
 #include "tests/file/file_support.h"
+#include "tests/support/acting_logger.h"
 #include "tests/support/locale_scope.h"
-#include "tests/support/own_logger.h"
 #include "tests/support/private_mounts.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/support/umask_scope.h"
@@ -16,7 +16,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
-#include <functional>
 #include <set>
 #include <string>
 #include <thread>
@@ -903,27 +902,6 @@ TEST_F(AFilerTreeTest, LevelsBeyondTheLongestPathAreReported) {
   EXPECT_EQ(errors.back(), errorRecord(kGroup, reason(ENOTEMPTY)));
   EXPECT_TRUE(exists(std::string(200, 'd')));
 }
-
-/// Gives each message to `act` before what it announces is done.
-class ActingLogger final : public OwnLogger {
-public:
-  using Action = std::function<void(std::wstring const&)>;
-
-  explicit ActingLogger(Action action) : act_(std::move(action)) {}
-
-  bool isDetailLoggingEnabled() override { return true; }
-
-  void logMessage(LogLevel const& level, std::wstring const& group,
-                  std::wstring const& message) override {
-    if (level == LogLevel::error) errors.push_back({level, group, message});
-    act_(message);
-  }
-
-  Records errors;
-
-private:
-  Action act_;
-};
 
 /// A folder "tree/d" that becomes a link to "outside" while it is deleted.
 struct Swap {

@@ -7,6 +7,7 @@
 #include "tests/file/file_support.h"
 #include "tests/lock/lock_world.h"
 #include "tests/platform/child_process.h"
+#include "tests/support/acting_logger.h"
 #include "tests/support/log_recorder.h"
 
 #include <gtest/gtest.h>
@@ -16,10 +17,8 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -126,32 +125,6 @@ inline int makeSet(std::string const& name, int count, int mode = 0600) {
   std::ofstream(keyFile(name)).flush();
   return ::semget(keyOf(keyFile(name)), count, IPC_CREAT | IPC_EXCL | mode);
 }
-
-/// A logger that does something at each message.
-class ActingLogger final : public vornix_com::oxa::logger::ILogger {
-public:
-  explicit ActingLogger(std::function<void(std::wstring const&)> act)
-      : act_(std::move(act)), before_(SetLogger(this)) {}
-
-  ~ActingLogger() override { SetLogger(before_); }
-
-  void start() override {}
-
-  void attach(std::wstring const& /*name*/) override {}
-
-  void setMinLogLevel(vornix_com::oxa::logger::LogLevel const& /*level*/) override {}
-
-  bool isDetailLoggingEnabled() override { return true; }
-
-  void logMessage(vornix_com::oxa::logger::LogLevel const& /*level*/, std::wstring const& /*group*/,
-                  std::wstring const& message) override {
-    act_(message);
-  }
-
-private:
-  std::function<void(std::wstring const&)> act_;
-  ILogger* before_;
-};
 
 // ---- processes that obey
 

@@ -3,7 +3,7 @@
 
 #pragma once
 
-#include <vrxcomn/logger.h>
+#include "tests/support/own_logger.h"
 
 #include <array>
 #include <atomic>
@@ -150,21 +150,13 @@ inline void raiseTo(std::atomic<long>& longest, Nanoseconds time) {
 }
 
 /// Counts the records that a lock in order never logs, and keeps the first one.
-class ComplaintCounter final : public vornix_com::oxa::logger::ILogger {
+class ComplaintCounter final : public OwnLogger {
 public:
-  explicit ComplaintCounter(Arena& arena) : arena_(arena), before_(SetLogger(this)) {}
-
-  ~ComplaintCounter() override { SetLogger(before_); }
-
-  void start() override {}
-
-  void attach(std::wstring const& /*name*/) override {}
-
-  void setMinLogLevel(vornix_com::oxa::logger::LogLevel const& /*level*/) override {}
+  explicit ComplaintCounter(Arena& arena) : arena_(arena) {}
 
   bool isDetailLoggingEnabled() override { return true; }
 
-  void logMessage(vornix_com::oxa::logger::LogLevel const& /*level*/, std::wstring const& /*group*/,
+  void logMessage(LogLevel const& /*level*/, std::wstring const& /*group*/,
                   std::wstring const& message) override {
     bool const isComplaint = message.find(L"Failed to ") != std::wstring::npos ||
                              message.find(L"non-root") != std::wstring::npos ||
@@ -177,7 +169,6 @@ public:
 
 private:
   Arena& arena_;
-  ILogger* before_;
 };
 
 /// What takes a lock and gives it back; it may do so as one of several kinds of object.
