@@ -392,7 +392,7 @@ std::vector<std::string> transcript(char const* programOfA, char const* programO
     } else {
       line += ": " + (command[1] == '!' ? peer.answer() : peer.ask(command.substr(2)));
     }
-    for (int const value : valuesOf(kName)) line += " " + std::to_string(value);
+    for (int const value : valuesOf(kName)) line.append(" ").append(std::to_string(value));
     lines.push_back(line + (exists(keyFile(kName)) ? " file" : ""));
   }
   return lines;
