@@ -1,6 +1,6 @@
 #include "tests/platform/child_process.h"
-#include "tests/support/other_user.h"
 #include "tests/platform/system_call_fault.h"
+#include "tests/support/other_user.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/support/umask_scope.h"
 
