@@ -55,20 +55,6 @@ private:
   CReadWriteSync lock_;
 };
 
-class SharedMutex {
-public:
-  void readLock() { lock_.lock_shared(); }
-
-  void readUnlock() { lock_.unlock_shared(); }
-
-  void writeLock() { lock_.lock(); }
-
-  void writeUnlock() { lock_.unlock(); }
-
-private:
-  std::shared_mutex lock_;
-};
-
 /// One hold of the bare mutex is no hold of a lock: it is not timed with two threads.
 [[maybe_unused]] bool const kMutex = [] {
   benchmark::RegisterBenchmark("BM_MutexUncontendedRead", measureReading<MutexAndCounters>);
@@ -76,7 +62,8 @@ private:
   return true;
 }();
 [[maybe_unused]] bool const kOwn = addContender<OwnLock>("ReadWriteSync");
-[[maybe_unused]] bool const kSharedMutex = addContender<SharedMutex>("SharedMutex");
+[[maybe_unused]] bool const kSharedMutex =
+    addContender<SharedLockable<std::shared_mutex>>("SharedMutex");
 
 }  // namespace
 

@@ -124,6 +124,22 @@ void measureContention(benchmark::State& state) {
   }
 }
 
+/// A Contender of what meets the standard's requirements of a shared mutex.
+template <class Mutex>
+class SharedLockable {
+public:
+  void readLock() { mutex_.lock_shared(); }
+
+  void readUnlock() { mutex_.unlock_shared(); }
+
+  void writeLock() { mutex_.lock(); }
+
+  void writeUnlock() { mutex_.unlock(); }
+
+private:
+  Mutex mutex_;
+};
+
 /// Registers the three benchmarks of a lock, BM_NAMEUncontendedRead and so on.
 template <class Contender>
 bool addContender(std::string const& name) {

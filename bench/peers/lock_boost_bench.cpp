@@ -7,21 +7,7 @@
 namespace vrxutil::bench {
 namespace {
 
-class BoostSharedMutex {
-public:
-  void readLock() { lock_.lock_shared(); }
-
-  void readUnlock() { lock_.unlock_shared(); }
-
-  void writeLock() { lock_.lock(); }
-
-  void writeUnlock() { lock_.unlock(); }
-
-private:
-  boost::shared_mutex lock_;
-};
-
-[[maybe_unused]] bool const kIsAdded = addContender<BoostSharedMutex>("Boost");
+[[maybe_unused]] bool const kIsAdded = addContender<SharedLockable<boost::shared_mutex>>("Boost");
 
 }  // namespace
 }  // namespace vrxutil::bench
