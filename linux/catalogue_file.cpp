@@ -27,7 +27,7 @@ bool readAt(int fd, std::uint64_t offset, void* target, std::size_t size) {
 bool entriesStayBefore(std::uint64_t end, int fd, std::uint64_t offset, std::uint64_t count) {
   std::array<CatalogueEntry, 256> entries;
   while (count > 0) {
-    std::size_t const part = std::min<std::uint64_t>(count, entries.size());
+    auto const part = static_cast<std::size_t>(std::min<std::uint64_t>(count, entries.size()));
     if (!readAt(fd, offset, entries.data(), part * sizeof(CatalogueEntry))) return false;
     for (std::size_t i = 0; i < part; ++i) {
       if (entries[i] != CatalogueEntry{} && entries[i][2] >= end) return false;

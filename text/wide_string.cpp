@@ -63,6 +63,7 @@ void forEachHit(std::wstring const& text, std::wstring const& find, OnHit onHit)
 }  // namespace
 
 static_assert(sizeof(AString) == sizeof(std::wstring));
+static_assert(sizeof(wchar_t) == 4, "a wchar_t is a character of UTF-32");
 
 bool AString::CaseSensitiveLess::operator()(AString const& a, AString const& b) const {
   return std::wcscmp(a, b) < 0;

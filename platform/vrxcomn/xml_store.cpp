@@ -83,7 +83,7 @@ std::uint64_t NameTable::hashOf(std::string_view utf8) const {
 /// The slot that holds the name, or the empty one where it belongs.
 std::size_t NameTable::slotOf(std::string_view utf8, std::uint64_t hash) const {
   std::size_t const mask = slots_.size() - 1;
-  std::size_t slot = hash & mask;
+  std::size_t slot = static_cast<std::size_t>(hash) & mask;
   while (slots_[slot] != nullptr && (slots_[slot]->hash != hash || slots_[slot]->utf8 != utf8)) {
     slot = (slot + 1) & mask;
   }

@@ -291,7 +291,8 @@ public:
   /// The operations of a call of semop(2), as it would be written.
   std::string groupOf(SystemCall const& call) const {
     std::string text;
-    for (sembuf const& operation : objectsAt<sembuf>(call.arguments[1], call.arguments[2])) {
+    auto const count = static_cast<std::size_t>(call.arguments[2]);
+    for (sembuf const& operation : objectsAt<sembuf>(call.arguments[1], count)) {
       text += (text.empty() ? "{" : " {") + std::to_string(operation.sem_num) + "," +
               std::to_string(operation.sem_op) + "," + std::to_string(operation.sem_flg) + "}";
     }
