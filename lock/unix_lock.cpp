@@ -126,6 +126,55 @@ int joinSet(key_t key) {
   return removeSet(id) ? createSet(key) : id;
 }
 
+/// Whether a call on a set has failed since there is none of this number any more.
+bool isGone() { return errno == EIDRM || errno == EINVAL; }
+
+/// Whether an error number of stat(2) says that there is no such file.
+bool isAbsence(int errorNumber) {
+  return errorNumber == ENOENT || errorNumber == ENOTDIR || errorNumber == ENAMETOOLONG;
+}
+
+/// Logs why a lock cannot be looked at.
+bool refuse(std::string const& name, char const* reason) {
+  logError(kGroup, AString(L"Failed to look at the lock ") << name.c_str() << L": " << reason);
+  return false;
+}
+
+/// The values and processes of a set; false with errno set.
+bool readSemaphores(int id, LockStatus& status) {
+  std::array<unsigned short, kSemaphoreCount> values{};
+  if (::semctl(id, 0, GETALL, SemctlArgument{.values = values.data()}) == -1) return false;
+  std::array<int, kSemaphoreCount> processes{};
+  for (int number = 0; number < kSemaphoreCount; ++number) {
+    int& process = processes[static_cast<std::size_t>(number)];
+    process = ::semctl(id, number, GETPID);
+    if (process == -1) return false;
+  }
+  status.writers = values[writer];
+  status.users = values[users];
+  status.references = values[references];
+  status.lastWriterProcess = processes[writer];
+  status.lastUserProcess = processes[users];
+  status.lastReferenceProcess = processes[references];
+  return true;
+}
+
+/// Fills in what a set tells; false after an error that is logged.
+bool readSet(std::string const& name, int id, LockStatus& status) {
+  semid_ds set{};
+  bool isRead = ::semctl(id, 0, IPC_STAT, SemctlArgument{.status = &set}) != -1;
+  if (isRead && set.sem_nsems != kSemaphoreCount) return refuse(name, "its set is no lock's");
+  isRead = isRead && readSemaphores(id, status);
+  if (!isRead && !isGone()) return refuse(name, ErrorText(errno).c_str());
+  status.hasSet = isRead;
+  status.semaphoreId = id;
+  status.owner = set.sem_perm.uid;
+  status.creator = set.sem_perm.cuid;
+  status.mode = set.sem_perm.mode & 0777U;
+  status.lastOperationTime = set.sem_otime;
+  return true;
+}
+
 }  // namespace
 
 ILock::~ILock() = default;
@@ -239,5 +288,22 @@ void UnixLock::cleanSemaphore(std::string const& name) {
   if (id == -1 || !removeSet(id)) return;
   static_cast<void>(::unlink(path.c_str()));
 }
+
+bool UnixLock::getStatus(std::string const& name, LockStatus& status) {
+  if (!isLockName(name)) return false;
+  struct stat file;
+  std::string const path = kLockFolder + name;
+  key_t const key = ::stat(path.c_str(), &file) == 0 ? ::ftok(path.c_str(), kProject) : -1;
+  if (key == -1) return isAbsence(errno) ? false : refuse(name, ErrorText(errno).c_str());
+  if (!S_ISREG(file.st_mode)) return false;
+  int const id = ::semget(key, 0, 0);
+  if (id == -1 && errno != ENOENT) return refuse(name, ErrorText(errno).c_str());
+  LockStatus found;
+  if (id != -1 && !readSet(name, id, found)) return false;
+  status = found;
+  return true;
+}
+
+char const* UnixLock::getKeyFolder() noexcept { return kLockFolder; }
 
 }  // namespace vornix_com::oxa::lock

@@ -37,12 +37,48 @@ public:
   ILock(ILock const&) = delete;
   ILock& operator=(ILock const&) = delete;
 
+  /// Take the lock unless somebody is in the way.
+  ///@{
   virtual bool tryReadLock() = 0;
   virtual bool tryWriteLock() = 0;
+  ///@}
+  /// Wait for the lock.
+  ///@{
   virtual bool readLock(unsigned int timeout) = 0;
   virtual bool writeLock(unsigned int timeout) = 0;
+  ///@}
+  /// Give the lock back.
+  ///@{
   virtual bool readUnlock() = 0;
   virtual bool writeUnlock() = 0;
+  ///@}
+};
+
+/// What is to be seen of a lock from outside.
+struct LockStatus {
+  /// Whether it has a semaphore set. Else nobody is attached, the key file is a left one,
+  /// and the rest has no meaning.
+  bool hasSet = false;
+
+  /// The set, as the kernel numbers it (ipcs -s): another one of the same name has another.
+  int semaphoreId = -1;
+
+  unsigned int writers = 0;     ///< 1 while a writer holds the lock
+  unsigned int users = 0;       ///< those that hold it, a writer among them
+  unsigned int references = 0;  ///< attached objects
+
+  /// The processes that last changed these three, or have waited for them; 0 for none.
+  /// They may have ended.
+  ///@{
+  std::int32_t lastWriterProcess = 0;
+  std::int32_t lastUserProcess = 0;
+  std::int32_t lastReferenceProcess = 0;
+  ///@}
+
+  std::uint32_t owner = 0;             ///< user id
+  std::uint32_t creator = 0;           ///< user id
+  std::uint32_t mode = 0;              ///< permission bits
+  std::int64_t lastOperationTime = 0;  ///< seconds since 1970, 0 for never
 };
 
 /// A lock shared by all processes that name it. Readers share it, a writer excludes all
@@ -71,23 +107,39 @@ public:
   ~UnixLock() override;
 
   /// Take the lock unless somebody is in the way.
+  ///@{
   bool tryReadLock() override;
   bool tryWriteLock() override;
+  ///@}
 
   /// Wait as long as somebody is in the way, whatever `timeout` says. False when a signal
   /// handler has run meanwhile, the process has been stopped and continued, or the set is
   /// gone.
+  ///@{
   bool readLock(unsigned int timeout) override;
   bool writeLock(unsigned int timeout) override;
+  ///@}
 
   /// Give the lock back. What nobody holds is waited for, until somebody takes it; that
   /// ends like the waits above.
+  ///@{
   bool readUnlock() override;
   bool writeUnlock() override;
+  ///@}
 
   /// Removes the set and the key file of the lock, whoever uses it: what they do then
   /// fails. Does nothing where there is none; nothing is logged.
   static void cleanSemaphore(std::string const& name);
+
+  /// Looks at a lock without attaching to it or changing anything. The values are those
+  /// of one moment but for the processes. False when there is no lock of this name, which
+  /// is not logged, and when it cannot be looked at (no right to, no set of a lock), which
+  /// is; `status` stays as it is then.
+  static bool getStatus(std::string const& name, LockStatus& status);
+
+  /// The folder of the key files, with a "/" at its end: a file FOLDER/NAME in it, or
+  /// below, is the key file of the lock NAME.
+  static char const* getKeyFolder() noexcept;
 
 private:
   friend class InterProcessReadLock;
@@ -109,7 +161,10 @@ private:
 /// operation is false.
 class VRXUTIL_EXPORT InterProcessReadLock {
 public:
+  /// Attaches to the lock of this name; holds nothing yet.
   explicit InterProcessReadLock(std::string const& name) noexcept;
+
+  /// unlock(), then detaches.
   ~InterProcessReadLock();
 
   InterProcessReadLock(InterProcessReadLock const&) = delete;
@@ -136,16 +191,22 @@ private:
 /// An exclusive hold of a named lock; the rest is as for InterProcessReadLock.
 class VRXUTIL_EXPORT InterProcessWriteLock {
 public:
+  /// Attaches to the lock of this name; holds nothing yet.
   explicit InterProcessWriteLock(std::string const& name) noexcept;
+
+  /// unlock(), then detaches.
   ~InterProcessWriteLock();
 
   InterProcessWriteLock(InterProcessWriteLock const&) = delete;
   InterProcessWriteLock& operator=(InterProcessWriteLock const&) = delete;
 
+  /// As its namesake of InterProcessReadLock.
+  ///@{
   bool tryLock();
   bool lock(unsigned int timeout);
   bool unlock();
   static void cleanSemaphore(std::string const& name);
+  ///@}
 
 private:
   std::unique_ptr<ILock> lock_;
@@ -171,9 +232,13 @@ public:
   CReadWriteSync(CReadWriteSync const&) = delete;
   CReadWriteSync& operator=(CReadWriteSync const&) = delete;
 
+  /// Waits while a writer holds the lock or waits for it.
   void ReadLock();
+  /// Gives a reader's hold back.
   void ReadUnlock();
+  /// Waits while anybody holds the lock.
   void WriteLock();
+  /// Gives the writer's hold back.
   void WriteUnlock();
 
 private:
@@ -200,8 +265,11 @@ public:
   CReadWriteSyncAuto(CReadWriteSyncAuto const&) = delete;
   CReadWriteSyncAuto& operator=(CReadWriteSyncAuto const&) = delete;
 
+  /// Waits as its namesake of CReadWriteSync does.
+  ///@{
   void ReadLock();
   void WriteLock();
+  ///@}
 
   /// Does nothing when nothing is held.
   void Unlock();

@@ -9,10 +9,12 @@ vrxutil_target_settings(lock_own_process)
 target_link_libraries(lock_own_process PRIVATE test_support)
 
 vrxutil_test(lock inter_process_lock_test)
+vrxutil_test(lock lock_status_test)
 vrxutil_test(lock read_write_sync_test)
 vrxutil_test(lock unix_lock_test)
 
-foreach(test IN ITEMS lock_inter_process_lock_test lock_unix_lock_test)
+foreach(test IN ITEMS lock_inter_process_lock_test lock_lock_status_test
+    lock_unix_lock_test)
   target_compile_definitions(${test} PRIVATE
     FOREIGN_PROCESS="$<TARGET_FILE:lock_foreign_process>"
     OWN_PROCESS="$<TARGET_FILE:lock_own_process>")
