@@ -22,9 +22,6 @@ if(TARGET agent)
       SUFFIX "${CMAKE_SHARED_LIBRARY_SUFFIX}")
   endforeach()
 
-  add_test(NAME examples/demo
-    COMMAND "${PROJECT_SOURCE_DIR}/script/demo" "$<TARGET_FILE:agent>")
-  set_tests_properties(examples/demo PROPERTIES TIMEOUT 300)
 endif()
 
 # The sample counter.
@@ -35,4 +32,20 @@ if(TARGET shared_counter)
     FOREIGN_PROCESS="$<TARGET_FILE:lock_foreign_process>"
     OWN_PROCESS="$<TARGET_FILE:lock_own_process>")
   add_dependencies(examples_shared_counter_test shared_counter)
+endif()
+
+if(TARGET agent AND TARGET shared_counter AND TARGET vrxtool)
+  add_test(NAME examples/demo COMMAND "${CMAKE_CURRENT_SOURCE_DIR}/examples/demo_test.sh"
+    "${PROJECT_SOURCE_DIR}" "${PROJECT_BINARY_DIR}")
+  set_tests_properties(examples/demo PROPERTIES TIMEOUT 300)
+endif()
+
+# The sample logger.
+if(TARGET syslog_logger)
+  vrxutil_test(examples syslog_logger_test)
+  target_sources(examples_syslog_logger_test PRIVATE
+    "${PROJECT_SOURCE_DIR}/examples/syslog_logger/syslog_logger.cpp")
+  target_compile_definitions(examples_syslog_logger_test PRIVATE
+    SYSLOG_PROGRAM="$<TARGET_FILE:syslog_logger>")
+  add_dependencies(examples_syslog_logger_test syslog_logger)
 endif()
