@@ -15,12 +15,10 @@ trap 'rm -rf "$work"' EXIT
 pc=$(find "$prefix" -name vrxutil.pc 2>/dev/null) || true
 libraries=$(dirname "$(dirname "$pc")")
 includes=$prefix/include
-expected='<task name="backup"></task> /tmp/a007 1234567b'
 
-fail() {
-  echo "package: $*" >&2
-  exit 1
-}
+subject=package
+# shellcheck source=tests/package/support.sh
+. "$source/tests/package/support.sh"
 
 # Moved after the installation: what points to where it was breaks.
 check_install() {
@@ -56,7 +54,7 @@ headers_of_readme() {
 
 runs_as_expected() {
   result=$(LD_LIBRARY_PATH=$libraries "$1")
-  [ "$result" = "$expected" ] || fail "the consumer printed '$result'"
+  [ "$result" = "$consumer_prints" ] || fail "the consumer printed '$result'"
 }
 
 check_cmake() {
@@ -90,19 +88,11 @@ check_pkgconfig() {
   done
 }
 
-# README.md shows a program and what it prints.
-# shellcheck disable=SC2016 # the backquotes are Markdown's
 check_readme() {
-  sed -n '/^```cpp$/,/^```$/p' "$source/README.md" | sed '1d; $d' >"$work/sample.cpp"
-  sed -n '/^every 60 minutes$/,/^```$/p' "$source/README.md" | sed '$d' >"$work/shown"
+  readme_program
   compile g++ "$work/sample" "$work/sample.cpp"
-  LD_LIBRARY_PATH=$libraries "$work/sample" >"$work/printed" 2>"$work/records" || true
-  cat "$work/records" >>"$work/printed"
-  for text in shown printed; do
-    # Without time, process and thread.
-    sed -E -i 's/^[0-9]{4}-[^ ]* [0-9]+\/[0-9]+ //' "$work/$text"
-  done
-  diff "$work/shown" "$work/printed" || fail 'README.md shows other output'
+  LD_LIBRARY_PATH=$libraries "$work/sample" >"$work/output" 2>"$work/records" || true
+  printed_as_shown "$work/output" "$work/records"
 }
 
 # Strong symbols whose last name occurs in no header.
