@@ -30,15 +30,19 @@ public:
   /// `size` bytes from `source`; zero bytes where `source` is null.
   ABuffer(unsigned long size, unsigned char const* source);
 
+  /// The bytes as they are.
   ABuffer(std::string const& bytes);
 
   /// The first byte; the zero byte after the contents when the size is 0.
   unsigned char const* getBytes() const;
 
+  /// Number of bytes.
   unsigned long size() const { return bytes_.size(); }
 
+  /// The bytes themselves, for calls that want or change a string of C++.
   std::string& cpp_str() { return bytes_; }
 
+  /// The bytes themselves, to read.
   std::string const& cpp_str() const { return bytes_; }
 
   /// Sets the size: bytes beyond the old size are zero, those beyond `size` are
@@ -85,8 +89,10 @@ public:
   /// `size` bytes from `source`; zero bytes where `source` is null.
   AnObjectBuffer(unsigned int size, unsigned char const* source);
 
+  /// The bytes as they are.
   AnObjectBuffer(std::string bytes);
 
+  /// getBytes().
   operator unsigned char const*() const { return getBytes(); }
 };
 
@@ -153,11 +159,13 @@ public:
   /// The next `length` bytes.
   void readBuffer(int length, AnObjectBuffer<unsigned char>& out);
 
+  /// One byte.
   void writeChar(char value) noexcept;
 
   /// The low 32 bits of `value`.
   void writeLong(unsigned long value) noexcept;
 
+  /// A number of 2 bytes.
   void writeShort(unsigned short value) noexcept;
 
   /// The text in the encoding of the C locale, in a field of `length` bytes: cut at
@@ -198,10 +206,12 @@ private:
   std::uint32_t overflow;
 };
 
-// Conversion between the host's byte order and a fixed one, little-endian (Le)
-// or big-endian (Be), of values of 4 or 2 bytes. Both functions of a pair do the
-// same; applying either twice gives back the argument.
 extern "C" {
+
+/// Conversion between the host's byte order and a fixed one, little-endian (Le)
+/// or big-endian (Be), of values of 4 or 2 bytes. Both functions of a pair do the
+/// same; applying either twice gives back the argument.
+///@{
 VRXUTIL_EXPORT std::uint32_t Host2Le4(std::uint32_t value);
 VRXUTIL_EXPORT std::uint32_t Le2Host4(std::uint32_t value);
 VRXUTIL_EXPORT std::uint32_t Host2Be4(std::uint32_t value);
@@ -210,6 +220,7 @@ VRXUTIL_EXPORT std::uint16_t Host2Le2(std::uint16_t value);
 VRXUTIL_EXPORT std::uint16_t Le2Host2(std::uint16_t value);
 VRXUTIL_EXPORT std::uint16_t Host2Be2(std::uint16_t value);
 VRXUTIL_EXPORT std::uint16_t Be2Host2(std::uint16_t value);
+///@}
 }
 
 /// Encodes bytes as Base64 (RFC 4648, section 4) piece by piece; returns the number of
@@ -247,8 +258,11 @@ class VRXUTIL_EXPORT ABase64Encode {
 public:
   ABase64Encode() = delete;
 
+  /// The Base64 text of the bytes, with padding and without line breaks.
+  ///@{
   static AString encode(AnObjectBuffer<unsigned char> const& data);
   static AString encode(unsigned char const* bytes, unsigned long const& length);
+  ///@}
 
   /// The bytes that `text` stands for; what is not in the alphabet is left out.
   static AnObjectBuffer<unsigned char> decode(AString const& text);

@@ -39,6 +39,7 @@ VRXUTIL_EXPORT wchar_t const* joinPath(AString* result, wchar_t const* folder, w
 /// A path joined from folder and name by joinPath().
 class VRXUTIL_EXPORT APath : public AString {
 public:
+  /// `folder` and `name`, joined.
   APath(AString const& folder, AString const& name);
 };
 
@@ -60,6 +61,7 @@ public:
   AFile(AFile const&) = delete;
   AFile& operator=(AFile const&) = delete;
 
+  /// Whether a file is open.
   bool isOpen() const { return handle != nullptr; }
 
   /// Closes the file, if it is open, and forgets its path. Output that cannot
@@ -104,16 +106,20 @@ public:
   bool read(ABuffer& contents);
 
   /// Writes `count` bytes. A negative count, and null with a count, are EINVAL.
+  ///@{
   bool write(unsigned char const* bytes, int count);
   bool write(ABuffer const& contents);
+  ///@}
 
   /// Opens `path` with open(), reads the whole of it and closes it.
   static bool read(bool reportMissing, AString const& path, ABuffer& contents);
 
   /// Opens `path` with openAlways(), writes the bytes and closes it: false also
   /// when they cannot be flushed. Not atomic: the old contents go first.
+  ///@{
   static bool write(AString const& path, unsigned char const* bytes, int count);
   static bool write(AString const& path, ABuffer const& contents);
+  ///@}
 
 private:
   bool openAs(char const* mode, int flags, AString const& newPath, bool reportMissing);
@@ -196,9 +202,11 @@ public:
   /// mounted for reading only, is "exists, not accessible"; a missing file or a
   /// file in a folder's place is neither. Otherwise false, with the outputs left
   /// as they are. An unknown `access` is an internal error.
+  ///@{
   static bool getFileAccessibility(AString const& path, AFileAccess access, bool& exists,
                                    bool& accessible);
   static bool getFileAccessibility(AString const& path, AFileAccess access, bool& exists);
+  ///@}
 
   /// The size in bytes, cut to a signed 32-bit value: of a file of 2 GiB and
   /// more, what its low 32 bits say. A failure leaves `size` as it is.

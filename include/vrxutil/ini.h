@@ -31,6 +31,7 @@
 /// without regard to case, comments and order kept, atomic writes.
 class VRXUTIL_EXPORT AnIni {
 public:
+  /// Takes the file's name; no file is touched.
   explicit AnIni(AString const& name);
   AnIni(AnIni const&) = delete;
   AnIni& operator=(AnIni const&) = delete;
@@ -62,6 +63,7 @@ public:
   virtual void set(AString const& section, AString const& key, AString const& value);
 
 protected:
+  /// Empty where there is none.
   AString fileName;
 };
 
@@ -104,16 +106,19 @@ class ParsedPairs;
 ///
 /// What the syntax does not allow, in the words of the log (internal errors,
 /// each with " line " and the line; a CR LF counts as two line ends):
+///
 ///   Unexpected: '['             in a section's name, a key or a comment
 ///   Unexpected: ']'             the same, and where a line begins
 ///   Unexpected: empty section   "[]"
 ///   Unexpected: '='             where a line begins, in a section's name or a
 ///                               comment
 ///   Unexpected: new line        in a section's name, and after a key without "="
+///
 /// A file that ends inside a section's name, a key or a comment is not parsed
 /// either, without such a record.
 class VRXUTIL_EXPORT AnIni2 : public AnIni {
 public:
+  /// Where the parser stands; no caller needs it.
   using State = vornix_com::file::ini::State;
 
   /// Section to key to value, each in ascending order; no section occurs twice.

@@ -157,6 +157,7 @@ private:
 /// A scope that writes its message as a detail record when it opens.
 class VRXUTIL_EXPORT ADetailTrace : public ATrace {
 public:
+  /// Opens the scope and writes `logText`.
   ADetailTrace(wchar_t const* logGroup, wchar_t const* logText);
   ~ADetailTrace() override;
 };
@@ -164,6 +165,7 @@ public:
 /// A scope that writes its message as an info record when it opens.
 class VRXUTIL_EXPORT AnInfoTrace : public ATrace {
 public:
+  /// Opens the scope and writes `logText`.
   AnInfoTrace(wchar_t const* logGroup, wchar_t const* logText);
   ~AnInfoTrace() override;
 };

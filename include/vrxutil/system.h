@@ -63,8 +63,10 @@ public:
   AVersion() = default;
 
   /// set() with the same arguments.
+  ///@{
   AVersion(int part1, int part2, int part3, int part4);
   AVersion(wchar_t const* text);
+  ///@}
 
   /// Parts are meant to be 0 to 65535. They are not cut: what is greater spills into
   /// the part before, and a negative part sets all bits above its own.
@@ -78,6 +80,7 @@ public:
   void set(wchar_t const* text);
 
   /// The parts, each 0 to 65535.
+  ///@{
   int get1() const { return part(48); }
 
   int get2() const { return part(32); }
@@ -85,6 +88,8 @@ public:
   int get3() const { return part(16); }
 
   int get4() const { return part(0); }
+
+  ///@}
 
   /// The parts in decimal, joined by ".".
   AString getString() const;
@@ -113,10 +118,13 @@ public:
   /// Reverses encrypt_data().
   static bool decrypt_data(std::string const& in, std::string& out);
 
+  /// The same of buffers.
+  ///@{
   static bool encryptDataBuffer(AnObjectBuffer<unsigned char> const& in,
                                 AnObjectBuffer<unsigned char>& out);
   static bool decryptDataBuffer(AnObjectBuffer<unsigned char> const& in,
                                 AnObjectBuffer<unsigned char>& out);
+  ///@}
 };
 
 /// Whether the whole `text` matches the whole `pattern`, in which "*" stands for any

@@ -12,6 +12,7 @@
 // Threads: const members may run at once; the others need the object alone.
 //
 // Calls that do not compile, or surprise, and what to write instead:
+//
 //   AString(5u), AString(5ll)        ambiguous: cast to unsigned long or long
 //   text = 5, text = 0               ambiguous (the latter also with pointers): 5L, 0L
 //   AString(nullptr)                 ambiguous: cast to the pointer that is meant
@@ -35,9 +36,11 @@
 /// use, as in `line << AFormat(255, L"x0", 4)`, which appends "00ff".
 ///
 /// Flags, in any order:
+///
 ///   '0'  fill with zeros             '-'  pad on the right
 ///   'u'  unsigned decimal            'x'  hexadecimal (the last of u, x wins)
 ///   '^'  upper case                  '_'  lower case ('^' wins)
+///
 /// Any other character is logged as an internal error under "String" and skipped.
 ///
 /// A number that fits in 32 bits (signed for decimal, -2^31 to 2^32-1 for u and
@@ -53,11 +56,13 @@ struct VRXUTIL_EXPORT AFormat {
 
   /// The one slot for what is formatted; `isNumber` says which.
   union Value {
-    long number;
-    wchar_t const* text;
+    long number;          ///< where `isNumber` is 1
+    wchar_t const* text;  ///< where `isNumber` is 0
   };
 
+  /// Borrowed, where it is a text.
   Value value;
+  /// Borrowed, and never null.
   wchar_t const* flags;
   /// Minimum field width in characters; -1 is none. Another negative width
   /// stands in the printf specification as it is: a number is padded on the right
@@ -79,32 +84,41 @@ class VRXUTIL_EXPORT AString {
 public:
   /// Orders by wcscmp, for ordered containers.
   struct VRXUTIL_EXPORT CaseSensitiveLess {
+    /// Whether `a` sorts before `b`.
     bool operator()(AString const& a, AString const& b) const;
   };
 
   /// Orders by wcsicmp, for ordered containers.
   struct VRXUTIL_EXPORT CaseInsensitiveLess {
+    /// Whether `a` sorts before `b`.
     bool operator()(AString const& a, AString const& b) const;
   };
 
   AString() = default;
+  /// The characters as they are, those after a NUL included.
   AString(std::wstring const& text);
+  /// The characters up to the NUL.
   AString(wchar_t const* text);
   /// Converts from the C locale. An invalid multibyte sequence logs one error
   /// and contributes nothing.
   AString(char const* text);
+  /// The one character.
   AString(wchar_t character);
   /// The character that convertOne() gives for the byte; 0 after its error.
   AString(char byte);
   /// Signed decimal.
   AString(long number);
+  /// Signed decimal.
   AString(int number);
   /// Unsigned decimal.
   AString(unsigned long number);
   /// Exactly eight lower-case hexadecimal digits, no "0x": the low 32 bits.
   AString(void* pointer);
+  /// What the descriptor makes of its number or text.
   AString(AFormat const& field);
 
+  /// Replaces the value with what the constructor of this argument gives.
+  ///@{
   AString& operator=(wchar_t const* text);
   AString& operator=(char const* text);
   AString& operator=(wchar_t character);
@@ -113,7 +127,10 @@ public:
   AString& operator=(unsigned long number);
   AString& operator=(void* pointer);
   AString& operator=(AFormat const& field);
+  ///@}
 
+  /// Appends what the constructor of this argument gives.
+  ///@{
   AString& operator<<(wchar_t const* text);
   AString& operator<<(char const* text);
   AString& operator<<(wchar_t character);
@@ -123,6 +140,8 @@ public:
   AString& operator<<(unsigned long number);
   AString& operator<<(void* pointer);
   AString& operator<<(AFormat const& field);
+
+  ///@}
 
   /// The characters and a terminating NUL. A NUL inside the value ends what a
   /// reader of this pointer sees. Valid until the value changes.
@@ -136,8 +155,10 @@ public:
   /// Beyond the range of int the value is that of the C library.
   int toInt() const;
 
+  /// The value itself, for calls that want or change a string of C++.
   std::wstring& cpp_str() { return value_; }
 
+  /// The value itself, to read.
   std::wstring const& const_cpp_str() const { return value_; }
 
   /// Replaces each occurrence of `find`, from left to right; what was inserted
@@ -197,6 +218,7 @@ public:
   ACharString(ACharString const&) = delete;
   ACharString& operator=(ACharString const&) = delete;
 
+  /// The bytes, which are valid as long as the object.
   operator char const*() const { return buffer; }
 
   /// Number of bytes before the terminating NUL.
@@ -218,12 +240,16 @@ public:
   void clear();
 
   /// Appends one item, converted as AString's operator<< converts it.
+  ///@{
   AStringList& operator<<(wchar_t const* item);
   AStringList& operator<<(char const* item);
   AStringList& operator<<(int item);
   AStringList& operator<<(void* item);
   AStringList& operator<<(AFormat const& item);
 
+  ///@}
+
+  /// The list so far; valid until it changes.
   operator wchar_t const*() const { return text; }
 
   /// What goes before and after the next item, which counts as added with this
@@ -367,11 +393,13 @@ public:
   /// Puts the argument in the place of each next placeholder. A tenth argument
   /// has no placeholder and changes nothing. Numbers are decimal, pointers eight
   /// hexadecimal digits, narrow text is converted as AString does.
+  ///@{
   ALocalizedString& operator<<(wchar_t const* argument);
   ALocalizedString& operator<<(char const* argument);
   ALocalizedString& operator<<(int argument);
   ALocalizedString& operator<<(void* argument);
   ALocalizedString& operator<<(wchar_t argument);
+  ///@}
 
 private:
   ALocalizedString& fill(AString const& argument);

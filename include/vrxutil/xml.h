@@ -152,17 +152,25 @@ public:
   AnXmlNode() = default;
 
   /// The document's root element; none for a null or empty holder.
+  ///@{
   AnXmlNode(AnXml* xml);
   AnXmlNode(AdvXMLParser::Document* xmlDocument);
+  ///@}
+  /// This element; none for Element::null.
   AnXmlNode(AdvXMLParser::Element& xmlElement);
+  /// The element that `other` stands on; none for null.
   AnXmlNode(AnXmlNode const* other);
 
+  /// Moves the cursor to what the constructor of this argument gives.
+  ///@{
   void setToRoot(AnXml* xml);
   void setToZuxmlElement(AdvXMLParser::Element& xmlElement);
+  ///@}
 
   /// Whether the cursor stands on an element; reports it where not.
   bool positionValid() const;
 
+  /// The element's name.
   AString getName() const;
 
   /// Reads the attribute `name`, or the text where `name` is "". False, with
@@ -198,10 +206,12 @@ public:
   /// from it into `value`; a value missing there is reported if `required`, but
   /// does not change the result. Where there is no such child: false, an error
   /// if `required`, and `found` stands on none unless it is this very node.
+  ///@{
   bool getChild(bool required, AnXmlNode* found, wchar_t const* childName, wchar_t const* selName,
                 wchar_t const* selValue, wchar_t const* valueName, AString* value) const;
   bool getChild(bool required, wchar_t const* childName, wchar_t const* selName,
                 wchar_t const* selValue, wchar_t const* valueName, AString* value) const;
+  ///@}
 
   /// getChild() that stays quiet.
   bool tryGetChild(AnXmlNode* found, wchar_t const* childName, wchar_t const* selName,
@@ -248,13 +258,14 @@ public:
   /// copied as it was.
   void copyAsChild(AnXmlNode const* from);
 
-  /// The element as one line, unescaped: <name attribute="value">text</name>.
+  /// The element as one line, unescaped: `<name attribute="value">text</name>`.
   AString asLogString();
 
 protected:
   friend class AnXmlChildIndex;
   friend class AnXmlValueIndex;
 
+  /// Null where the cursor stands on none.
   AdvXMLParser::Element* element = nullptr;
 };
 
@@ -267,6 +278,7 @@ class VRXUTIL_EXPORT AnXmlChildIndex : public AnXmlNode {
 public:
   /// Visits nothing until set() is called.
   AnXmlChildIndex() = default;
+  /// set() with the same arguments.
   AnXmlChildIndex(AnXmlNode const* parentNode, wchar_t const* name);
   ~AnXmlChildIndex();
   AnXmlChildIndex(AnXmlChildIndex const&) = delete;
@@ -304,7 +316,9 @@ private:
 /// Visits the attributes of a node in document order.
 class VRXUTIL_EXPORT AnXmlValueIndex {
 public:
+  /// Visits nothing until set() is called.
   AnXmlValueIndex() = default;
+  /// set() with the same argument.
   AnXmlValueIndex(AnXmlNode const* node);
   ~AnXmlValueIndex();
   AnXmlValueIndex(AnXmlValueIndex const&) = delete;

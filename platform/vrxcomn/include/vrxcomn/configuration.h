@@ -35,9 +35,12 @@ public:
   static IConfiguration* SetConfiguration(IConfiguration* configuration);
 
 protected:
+  /// For derived classes alone.
+  ///@{
   IConfiguration() = default;
   IConfiguration(IConfiguration const&) = default;
   IConfiguration& operator=(IConfiguration const&) = default;
+  ///@}
 };
 
 }  // namespace vornix_com::oxa::configuration

@@ -20,6 +20,7 @@ namespace vornix_com::RQ::crypto {
 /// Bytes on their way into or out of an encryption object, copied by value.
 class ABuffer {
 public:
+  /// The bytes as they are.
   ABuffer(std::string const& bytes) : bytes_(bytes) {}
 
   /// `size` bytes from `data`; zero bytes where `data` is null.
@@ -27,9 +28,13 @@ public:
     if (data != nullptr) bytes_.assign(reinterpret_cast<char const*>(data), size);
   }
 
+  /// The bytes themselves.
+  ///@{
   std::string& cpp_str() { return bytes_; }
 
   std::string const& cpp_str() const { return bytes_; }
+
+  ///@}
 
 private:
   std::string bytes_;
@@ -42,9 +47,13 @@ class AnObjectBuffer;
 template <>
 class AnObjectBuffer<unsigned char> : public ABuffer {
 public:
+  /// What ABuffer's constructor of these arguments makes.
+  ///@{
   AnObjectBuffer(std::string const& bytes) : ABuffer(bytes) {}
 
   AnObjectBuffer(unsigned int size, unsigned char const* data) : ABuffer(size, data) {}
+
+  ///@}
 };
 
 /// Which cipher an encryption object applies. Any number may be asked for.
@@ -60,10 +69,13 @@ public:
   virtual int encrypt(AnObjectBuffer<unsigned char> const& in,
                       AnObjectBuffer<unsigned char>& out) = 0;
 
-  // Not used; they keep the slots of encrypt and decrypt apart.
+  /// Not used; they keep the slots of encrypt and decrypt apart.
+  ///@{
   virtual int reserved1() { return 0; }
 
   virtual int reserved2() { return 0; }
+
+  ///@}
 
   /// The reverse of encrypt. Zero when `in` is not what encrypt made under this
   /// key.
@@ -71,9 +83,12 @@ public:
                       AnObjectBuffer<unsigned char>& out) = 0;
 
 protected:
+  /// For derived classes alone.
+  ///@{
   IEncryption() = default;
   IEncryption(IEncryption const&) = default;
   IEncryption& operator=(IEncryption const&) = default;
+  ///@}
 };
 
 /// Makes encryption objects. Operations may be called from any thread.
@@ -97,9 +112,12 @@ public:
   static CryptShim* set_instance(CryptShim* shim);
 
 protected:
+  /// For derived classes alone.
+  ///@{
   CryptShim() = default;
   CryptShim(CryptShim const&) = default;
   CryptShim& operator=(CryptShim const&) = default;
+  ///@}
 };
 
 }  // namespace vornix_com::RQ::crypto

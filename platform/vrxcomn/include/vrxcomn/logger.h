@@ -54,9 +54,12 @@ public:
   static ILogger* SetLogger(ILogger* logger);
 
 protected:
+  /// For derived classes alone.
+  ///@{
   ILogger() = default;
   ILogger(ILogger const&) = default;
   ILogger& operator=(ILogger const&) = default;
+  ///@}
 };
 
 }  // namespace vornix_com::oxa::logger

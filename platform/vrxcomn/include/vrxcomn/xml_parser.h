@@ -49,16 +49,22 @@ enum UTF_ENCODINGS : int {
 /// A text that is no well-formed document, or one that is refused.
 class VRXCOMN_EXPORT ParsingException : public std::exception {
 public:
+  /// The position counts from 1, in characters.
   ParsingException(unsigned long line, unsigned long column, std::wstring message);
   ~ParsingException() override;
 
   /// Where, counted from 1, in characters.
+  ///@{
   unsigned long GetLine() const { return line_; }
 
   unsigned long GetColumn() const { return column_; }
 
+  ///@}
+
+  /// Why, as a text for the log.
   wchar_t const* GetErrorMessage() const { return message_->c_str(); }
 
+  /// A fixed text; GetErrorMessage() has the reason.
   char const* what() const noexcept override;
 
 private:
@@ -72,6 +78,7 @@ private:
 class VRXCOMN_EXPORT ReadWriteException : public std::exception {
 public:
   ~ReadWriteException() override;
+  /// A fixed text.
   char const* what() const noexcept override;
 };
 
@@ -81,13 +88,16 @@ public:
 /// is not there. It has empty names and values; changing it does nothing.
 class VRXCOMN_EXPORT Node {
 public:
+  /// Which of the classes below a node is of.
   enum class Kind : std::uint8_t { element, attribute, text, cdata, comment, pi };
 
   Node(Node const&) = delete;
   Node& operator=(Node const&) = delete;
 
+  /// What the node is, a sentinel too.
   Kind GetKind() const { return kind_; }
 
+  /// Whether it is a sentinel.
   bool IsNull() const { return isNull_; }
 
   /// Takes the node, with everything below it, out of the document, in constant
@@ -95,6 +105,7 @@ public:
   void Delete() noexcept;
 
 protected:
+  /// For derived classes alone; the store makes all nodes but the sentinels.
   constexpr Node(Kind kind, bool isNull) : kind_(kind), isNull_(isNull) {}
 
   ~Node() = default;
@@ -125,12 +136,14 @@ private:
 /// processing instruction.
 class VRXCOMN_EXPORT TextNode : public Node {
 public:
+  /// The characters and a NUL.
   wchar_t const* GetValue() const { return value_; }
 
   /// Number of characters of GetValue().
   std::uint32_t GetLength() const { return length_; }
 
 protected:
+  /// For derived classes alone.
   constexpr TextNode(Kind kind, bool isNull) : Node(kind, isNull) {}
 
 private:
@@ -141,14 +154,17 @@ private:
   wchar_t const* value_ = L"";
 };
 
+/// Character data of an element as it reads once references are replaced.
 class VRXCOMN_EXPORT Text : public TextNode {
   friend struct Store;
 
   constexpr explicit Text(bool isNull) : TextNode(Kind::text, isNull) {}
 };
 
+/// Character data that stood between `<![CDATA[` and `]]>`.
 class VRXCOMN_EXPORT CData : public TextNode {
 public:
+  /// The one that stands for none.
   static CData null;
 
 private:
@@ -157,8 +173,10 @@ private:
   constexpr explicit CData(bool isNull) : TextNode(Kind::cdata, isNull) {}
 };
 
+/// A comment; its value is what stands between `<!--` and `-->`.
 class VRXCOMN_EXPORT Comment : public TextNode {
 public:
+  /// The one that stands for none.
   static Comment null;
 
 private:
@@ -170,6 +188,7 @@ private:
 /// Its value is the target and, where there are data, a blank and these.
 class VRXCOMN_EXPORT Pi : public TextNode {
 public:
+  /// The one that stands for none.
   static Pi null;
 
 private:
@@ -181,8 +200,10 @@ private:
 /// An attribute. Its children are one text, its value.
 class VRXCOMN_EXPORT Attribute : public TextNode {
 public:
+  /// The one that stands for none.
   static Attribute null;
 
+  /// Valid as long as the document.
   wchar_t const* GetName() const;
 
   /// Empties the value.
@@ -204,19 +225,24 @@ private:
 /// An element.
 class VRXCOMN_EXPORT Element : public Node {
 public:
+  /// The one that stands for none.
   static Element null;
 
+  /// Valid as long as the document.
   wchar_t const* GetName() const;
 
   /// The interned form of `name` if anything in this document has borne it,
   /// else null. Looking it up once makes many comparisons cheap.
   Name const* FindName(wchar_t const* name) const;
 
+  /// Whether FindName() gave `name` for this element's name.
   bool HasName(Name const* name) const { return name_ == name; }
 
   /// The attribute, or Attribute::null.
+  ///@{
   Attribute& GetAttribute(wchar_t const* name) const;
   Attribute& GetAttribute(Name const* name) const;
+  ///@}
 
   /// Appends an attribute with an empty value and returns it; the one that
   /// exists, if there is one.
@@ -235,6 +261,7 @@ public:
   /// Deletes all children; attributes stay.
   void DeleteChildren() noexcept;
 
+  /// Whether any child is an element.
   bool HasChildElements() const;
 
   /// Whether the texts and character data sections among the children, one
@@ -282,6 +309,7 @@ public:
   /// At the first, or at the end where there is none.
   explicit Iterator(Element const& owner) : owner_(&owner), node_(first()), lease_(owner.lease()) {}
 
+  /// Whether it stands on nothing.
   bool AtEnd() const { return settled() == nullptr; }
 
   /// Whether no element child, or attribute, comes before.
@@ -290,6 +318,7 @@ public:
   /// Not at the end.
   T& operator*() const { return static_cast<T&>(*settled()); }
 
+  /// Not at the end.
   T* operator->() const { return &**this; }
 
   /// Does nothing at the end.
