@@ -141,6 +141,9 @@ TEST_F(CommandLineTest, WrongUseIsOneLine) {
 }
 
 TEST_F(CommandLineTest, NothingInALineOfErrorsCommandsATerminal) {
+  // U+202E; in a literal it would turn the line around.
+  constexpr char kRightToLeft[] = {'\xE2', '\x80', '\xAE', '\0'};
+
   struct Escape {
     std::string text;
     std::string shown;
@@ -150,8 +153,9 @@ TEST_F(CommandLineTest, NothingInALineOfErrorsCommandsATerminal) {
        {Escape{"\\1", "\\1"}, Escape{"\t", "\\t"}, Escape{"\r", "\\r"}, Escape{"\x01", "\\x01"},
         Escape{"\x7F", "\\x7f"}, Escape{"\u009B", "\\x9b"}, Escape{"\u061C", "\\u061c"},
         Escape{"\u200E", "\\u200e"}, Escape{"\u200F", "\\u200f"}, Escape{"\u2028", "\\u2028"},
-        Escape{"\u202E", "\\u202e"}, Escape{"\u2069", "\\u2069"},
-        Escape{"\u00A0\u202F", "\u00A0\u202F"}, Escape{"\xE4\u202E", "\\xe4\\xe2\\x80\\xae"},
+        Escape{kRightToLeft, "\\u202e"}, Escape{"\u2069", "\\u2069"},
+        Escape{"\u00A0\u202F", "\u00A0\u202F"},
+        Escape{std::string("\xE4").append(kRightToLeft), "\\xe4\\xe2\\x80\\xae"},
         Escape{"\U0001F600", "\U0001F600"}}) {
     EXPECT_EQ(run("'x" + escape.text + "'"),
               failed("no command x" + escape.shown + "; try --help"));

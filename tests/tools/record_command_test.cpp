@@ -56,7 +56,7 @@ TEST_F(RecordCommandTest, DumpsFieldsOfEachKind) {
       {std::string("ab\0d", 4), "1t,1t,2b", "a\tb\t0064", "a\tb\t0064"},
       {"abcd", "4t", "abcd", "abcd"},
       {"abcd", "s,2t", "25185\tcd", "24930\tcd"},
-      {"\xE2\x80\xAE!", "4t", "\\u202e!", "\\u202e!"},
+      {"\xE2\x80\x8E!", "4t", "\\u200e!", "\\u200e!"},
   };
 
   for (auto const& row : kRows) {
