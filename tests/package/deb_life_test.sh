@@ -168,6 +168,18 @@ purge_beside_others() {
     fail 'purging leaves more than the folders of others'
 }
 
+# What a link in a folder's place leads to keeps its owner and mode.
+install_over_a_link() {
+  mkdir -p "$root/var/lib/vornix/oxa" "$root/var/lib/vornix-others"
+  chmod 755 "$root/var/lib/vornix-others"
+  ln -s ../../vornix-others "$root/var/lib/vornix/oxa/keys"
+  install_packages "$@"
+  [ "$(stat -c %a "$root/var/lib/vornix-others")" = 755 ] || fail 'installing changes what a link leads to'
+  run_on_packages --purge
+  remove_others
+  rmdir "$root/var/lib/vornix-others" || fail 'purging empties what a link leads to'
+}
+
 # live DEB...
 live() {
   snapshot >"$work/before"
@@ -184,6 +196,7 @@ live() {
   purge_beside_next_libraries "$@"
   purge_packages
   purge_beside_others "$@"
+  install_over_a_link "$@"
   snapshot | diff "$work/before" - || fail 'something is left'
 }
 

@@ -69,7 +69,7 @@ TEST_F(CommandLineTest, HelpListsTheFamilies) {
        {"xml", "ini", "lock", "base64", "crypt", "match", "version", "host", "record"}) {
     EXPECT_NE(result.output.find("\n  " + name + " "), std::string::npos) << name;
   }
-  EXPECT_EQ(result.output.find("bash-completion"), std::string::npos);
+  EXPECT_EQ(result.output.find("\n  bash-completion"), std::string::npos);
   EXPECT_NE(result.output.find("Exit status:\n  0  yes"), std::string::npos);
 }
 
@@ -96,7 +96,7 @@ TEST_F(CommandLineTest, TheManPageKeepsTheLinesOfTables) {
                       ".fi\n"),
             std::string::npos);
   EXPECT_NE(page.find("\n.nf\nvrxtool ini sort agent.ini\n.fi\n"), std::string::npos);
-  EXPECT_EQ(page.find("bash\\-completion"), std::string::npos);
+  EXPECT_EQ(page.find("\n.SS vrxtool bash\\-completion"), std::string::npos);
 }
 
 TEST_F(CommandLineTest, UsageTellsOfACommandToRun) {
@@ -120,7 +120,10 @@ TEST_F(CommandLineTest, BashCompletesCommandsAndOptions) {
             "--help --root --attribute --trace\n");
   EXPECT_EQ(completions("vrxtool --trace ini l"), "list\n");
   EXPECT_EQ(completions("vrxtool ini get -"), "--help -h --trace\n");
+  // Names of files complete then.
   EXPECT_EQ(completions("vrxtool xml get f"), "\n");
+  EXPECT_EQ(completions("vrxtool xml get ''"), "\n");
+  EXPECT_EQ(completions("vrxtool xml ''"), "show get set check encrypt decrypt\n");
   EXPECT_EQ(completions("vrxtool lock read jobs -- --"), "\n");
 }
 

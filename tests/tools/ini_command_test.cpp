@@ -411,6 +411,30 @@ TEST_F(IniCommandTest, WhatCannotBeWrittenIsAFailure) {
 
 constexpr char kNoMounts[] = "the host does not allow private mounts";
 
+TEST_F(IniCommandTest, ListsNothingThatCommandsATerminal) {
+  EXPECT_EQ(runOn("[\x1B]\nk\x7F=\\\xE2\x80\x8E\n", "ini list -"),
+            done("[\\x1b]\nk\\x7f=\\\\u200e\n"));
+}
+
+TEST_F(IniCommandTest, AFileThatIsTooLargeIsRefused) {
+  ASSERT_EQ(shell("truncate -s 600M large").status, 0);
+  EXPECT_EQ(run("ini get large a b"), failed("cannot read large: File too large"));
+}
+
+TEST_F(IniCommandTest, SignalsLeaveNoTemporaryFiles) {
+  ToolResult const result = shell(
+      "mkdir tmp; export TMPDIR=$PWD/tmp\n"
+      "head -c 4000000 /dev/zero | tr '\\0' '\\n' >large\n"
+      "for turn in 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16; do\n"
+      "  vrxtool ini set - a b c <large >/dev/null 2>&1 &\n"
+      "  n=$((turn * turn * 100))\n"
+      "  while [ $n -gt 0 ]; do n=$((n - 1)); done\n"
+      "  kill -TERM $! 2>/dev/null; wait $! 2>/dev/null\n"
+      "done\n"
+      "ls tmp");
+  EXPECT_EQ(result.output, "");
+}
+
 TEST_F(IniCommandTest, WithoutProcEveryReadIsAFailure) {
   ToolResult const result = shellWithMounts(
       "mount -t tmpfs tmpfs /proc || exit 99\n"

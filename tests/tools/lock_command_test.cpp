@@ -531,9 +531,8 @@ TEST_F(LockCommandTest, AnyNameIsALock) {
                             {"\"$(printf 'a\\\\b')\"", "a\\\\b "},
                             {"\"$(printf 'a\\377')\"", "a\\xff "},
                             {"$(printf %0255d 0)", "0000"},
-                            {"-- -x", nullptr}};
+                            {"./-x", "-x "}};
     for (auto const& [name, shown] : kNames) {
-      if (shown == nullptr) continue;
       ToolResult const result = run(std::string("lock read ") + name + " -- vrxtool lock status");
       EXPECT_EQ(result.status, 0) << name;
       EXPECT_NE(result.output.find(std::string("\n") + shown), std::string::npos)
@@ -640,7 +639,7 @@ TEST_F(LockCommandTest, CleanAsksBeforeItRemovesALockInUse) {
   expectInWorld([this] {
     std::string const question =
         "vrxtool: the lock jobs is in use (users 1, writer yes, attached 1); remove it all the "
-        "same? [y/N] ";
+        "same? [y/N] \n";
     ToolResult const refused{1, "", question + "vrxtool: the lock jobs was not removed\n"};
     for (std::string const answer : {"n", "", "yess", "j"}) {
       EXPECT_EQ(run("lock write jobs -- sh -c 'echo " + answer + " | vrxtool lock clean jobs'"),
@@ -668,7 +667,7 @@ TEST_F(LockCommandTest, ALockIsInUseWhereSomebodyIsAttached) {
         runOn("n\n", "lock clean jobs"),
         (ToolResult{1, "",
                     "vrxtool: the lock jobs is in use (users 0, writer no, attached 1); remove "
-                    "it all the same? [y/N] vrxtool: the lock jobs was not removed\n"}));
+                    "it all the same? [y/N] \nvrxtool: the lock jobs was not removed\n"}));
     ASSERT_EQ(foreign.ask("detach"), "ok");
   });
 }
@@ -688,9 +687,28 @@ TEST_F(LockCommandTest, CleanRemovesNoOtherLockThanItAskedAbout) {
                                     "release; hold; echo y >&3; ended $cleaning\n"
                                     "vrxtool lock status jobs --json | grep users; release\n"
                                     "cut -d] -f2 errors");
-    EXPECT_EQ(result, done("1\n    \"users\": 1,\n vrxtool: the lock jobs was not removed: it is "
+    EXPECT_EQ(result, done("1\n    \"users\": 1,\n \nvrxtool: the lock jobs was not removed: it is "
                            "gone, or another one by now\n"));
     expectNothingLeft();
+  });
+}
+
+TEST_F(LockCommandTest, NamesOfFoldersAreRefused) {
+  expectInWorld([this] {
+    std::filesystem::create_directory(keyFile("sub"));
+    for (std::string const name : {"", ".", "sub", "sub/", "./sub/."}) {
+      EXPECT_EQ(run("lock write '" + name + "' -- true"),
+                failed("no lock " + name + ": it is the name of a folder"));
+    }
+    std::filesystem::remove(keyFile("sub"));
+    expectNothingLeft();
+  });
+}
+
+TEST_F(LockCommandTest, ANameMayComeAfterTheMark) {
+  expectInWorld([this] {
+    EXPECT_EQ(run("lock status -- none"), answeredNo("no lock none"));
+    EXPECT_EQ(run("lock clean -- -x"), answeredNo("no lock -x"));
   });
 }
 
@@ -705,7 +723,12 @@ TEST_F(LockCommandTest, WrongUseIsAFailure) {
             failed("--try and --wait exclude each other"));
   EXPECT_EQ(run("lock read jobs --wait -1 -- true").status, 2);
   EXPECT_EQ(run("lock read jobs --wait soon -- true").status, 2);
-  EXPECT_EQ(run("lock read jobs --wait nan -- true").status, 2);
+  EXPECT_EQ(run("lock read jobs --wait nan -- true"),
+            failed("--wait: nan is no number; try --help"));
+  EXPECT_EQ(run("lock read jobs --conflict-exit-code -1 -- true"),
+            failed("--conflict-exit-code: -1 is less than 0; try --help"));
+  EXPECT_EQ(run("lock clean jobs -- junk"),
+            failed("The following argument was not expected: junk; try --help"));
   EXPECT_EQ(run("lock"), failed("a command is missing; try --help"));
 }
 

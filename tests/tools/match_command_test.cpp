@@ -85,6 +85,10 @@ TEST_F(MatchCommandTest, ALineIsShownAsSoonAsItIsThere) {
             done("ab\n"));
 }
 
+TEST_F(MatchCommandTest, ALineWithoutEndIsRefused) {
+  EXPECT_EQ(run("match a /dev/zero"), failed("cannot read /dev/zero: File too large"));
+}
+
 TEST_F(MatchCommandTest, FailuresAreToldFromNo) {
   EXPECT_EQ(run("match a none"), failed("cannot open none: No such file or directory"));
   EXPECT_EQ(run("match a ."), failed("cannot read .: Is a directory"));

@@ -141,6 +141,8 @@ TEST_F(RecordCommandTest, ARecordThatIsCutIsAFailure) {
             (ToolResult{2, "1\t2\t00ff\t3\t804161620000\n",
                         "vrxtool: r: the record at byte 11 is cut: 6 bytes are missing\n"}));
   EXPECT_EQ(run("record dump r --fields c --skip 17"), failed("r: has fewer than 17 bytes"));
+  EXPECT_EQ(run("record dump r --fields c --skip -1"),
+            failed("--skip: -1 is less than 0; try --help"));
   EXPECT_EQ(
       run("record dump r --fields 7b,4t --json --skip 11"),
       (ToolResult{2, "[]\n", "vrxtool: r: the record at byte 11 is cut: 6 bytes are missing\n"}));

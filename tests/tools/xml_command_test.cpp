@@ -442,6 +442,25 @@ TEST_F(XmlCommandTest, EntityBombsAreRefusedSoon) {
             1);
 }
 
+TEST_F(XmlCommandTest, ADecryptedCopyIsForItsOwnerAlone) {
+  EXPECT_EQ(shell("umask 0; vrxtool xml encrypt a.xml; vrxtool xml decrypt a.xml -o b.xml\n"
+                  "stat -c %a b.xml"),
+            done("600\n"));
+}
+
+TEST_F(XmlCommandTest, AKeyThatCannotBeHadIsTold) {
+  ASSERT_EQ(run("xml encrypt a.xml"), done());
+  ASSERT_EQ(shell("chmod 666 \"$VRX_DATA_DIR\"/keys/*").status, 0);
+  ToolResult const noKey =
+      failed("the agent's key cannot be had: see the folder " + data.path() + "/keys");
+  file("b.xml", "<b/>");
+  for (std::string const command :
+       {"show a.xml", "check a.xml", "decrypt a.xml", "encrypt b.xml", "encrypt b.xml -o -"}) {
+    EXPECT_EQ(run("xml " + command), noKey);
+  }
+  EXPECT_EQ(bytesOf("b.xml"), "<b/>");
+}
+
 TEST_F(XmlCommandTest, ALongLineIsRead) {
   std::string const value(8'000'000, 'x');
   file("b.xml", "<a b=\"" + value + "\"/>");

@@ -28,6 +28,8 @@ constexpr char kGeneral[] =
     "  0  yes, done\n"
     "  1  no, not found\n"
     "  2  wrong use, or a failure: a line on standard error says why\n"
+    "\n"
+    "lock read and lock write end with the exit status of the command that they run.\n"
     "Where the reader of standard output goes before the end, as head does, SIGPIPE\n"
     "ends the tool without a word, as it ends other filters.\n"
     "\n"
@@ -37,7 +39,10 @@ constexpr char kGeneral[] =
     "\n"
     "Files:\n"
     "  /var/lib/vornix/oxa/           the agent's data, where VRX_DATA_DIR is not set\n"
-    "  /Library/Vornix/oxa/scratch/   the locks' key files\n";
+    "  ~/.local/state/vornix/oxa/     the same for users other than root\n"
+    "  /Library/Vornix/oxa/scratch/   the locks' key files\n"
+    "\n"
+    "vrxtool man shows the man page, vrxtool bash-completion what completes commands.\n";
 
 std::string footerOf(CommandText const& text) {
   std::string footer = text.details;
@@ -105,13 +110,25 @@ Command& Command::option(char const* names, char const* valueName,
 
 Command& Command::option(char const* names, char const* valueName, std::optional<double>& value,
                          double least, double greatest, char const* text) {
-  describe(addOptional(app_, names, value, text)->check(CLI::Range(least, greatest)), valueName);
+  // "nan" is a number to CLI11, and in every range.
+  auto const refuseNan = [](std::string const& given) {
+    return given.find_first_of("nN") == std::string::npos ? "" : given + " is no number";
+  };
+  describe(
+      addOptional(app_, names, value, text)->check(refuseNan)->check(CLI::Range(least, greatest)),
+      valueName);
   return *this;
 }
 
 Command& Command::option(char const* names, char const* valueName, unsigned long& value,
                          unsigned long least, unsigned long greatest, char const* text) {
-  describe(app_.add_option(names, value, text)->check(CLI::Range(least, greatest)), valueName);
+  // -1 is the greatest number to CLI11.
+  auto const refuseSign = [](std::string const& given) {
+    return given.starts_with('-') ? given + " is less than 0" : "";
+  };
+  describe(
+      app_.add_option(names, value, text)->check(refuseSign)->check(CLI::Range(least, greatest)),
+      valueName);
   return *this;
 }
 

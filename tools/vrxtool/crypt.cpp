@@ -3,10 +3,9 @@
 #include "tools/vrxtool/command_line.h"
 #include "tools/vrxtool/failure.h"
 #include "tools/vrxtool/input.h"
-#include "tools/vrxtool/text.h"
+#include "tools/vrxtool/key.h"
 #include "tools/vrxtool/tool.h"
 
-#include <vrxcomn/configuration.h>
 #include <vrxutil/system.h>
 
 #include <optional>
@@ -16,35 +15,22 @@ namespace vrxtool {
 
 namespace {
 
-using vornix_com::oxa::configuration::IConfiguration;
 using File = std::optional<std::string>;
-
-/// Where the service has no key it does not say why.
-std::string noKey() {
-  std::wstring const folder = IConfiguration::GetConfiguration()->GetFrameworkDataDirectory();
-  return "the agent's key cannot be had: see the folder " + utf8(folder) + "/keys";
-}
 
 int encrypt(Tool& tool, File const& file) {
   Input input(file.value_or("-"));
   std::string encrypted;
-  if (!ACryptWrap::encrypt_data(input.readAll(), encrypted)) throw Failure(noKey());
+  if (!ACryptWrap::encrypt_data(input.readAll(), encrypted)) throw noKey();
   tool.output.write(encrypted);
   return yes;
-}
-
-/// The service does not say whether key or data are to blame.
-std::string whyNotDecrypted(std::string const& title) {
-  std::string ignored;
-  bool const hasKey = ACryptWrap::encrypt_data("", ignored);
-  return hasKey ? title + ": not encrypted with this agent's key, or changed since" : noKey();
 }
 
 int decrypt(Tool& tool, File const& file) {
   Input input(file.value_or("-"));
   std::string plain;
   if (!ACryptWrap::decrypt_data(input.readAll(), plain)) {
-    throw Failure(whyNotDecrypted(input.title()));
+    if (!hasKey()) throw noKey();
+    throw Failure(input.title() + ": not encrypted with this agent's key, or changed since");
   }
   tool.output.write(plain);
   return yes;

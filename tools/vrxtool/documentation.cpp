@@ -229,6 +229,8 @@ std::string bashCompletion(CLI::App const& app) {
          "    _vrxtool_words \"$path ${COMP_WORDS[i]}\" && path=\"$path ${COMP_WORDS[i]}\"\n"
          "  done\n"
          "  _vrxtool_words \"$path\"\n"
+         "  # Options come last, and where a - asks for them; else names of files complete.\n"
+         "  [[ $word == -* ]] || words=\" $words\" words=${words%% -*}\n"
          "  mapfile -t COMPREPLY < <(compgen -W \"$words\" -- \"$word\")\n"
          "}\n"
          "\n"

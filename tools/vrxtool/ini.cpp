@@ -135,6 +135,9 @@ void listAsJson(Tool& tool, AnIni2::SectionMap const& sections) {
   writeJson(tool.output, list);
 }
 
+/// For people: nothing in a file commands their terminal.
+std::string shown(std::wstring const& text) { return printable(utf8(text), Backslash::asItIs); }
+
 int list(Tool& tool, Arguments const& arguments) {
   Contents const contents = readParsed(tool, arguments.file);
   if (arguments.json) {
@@ -142,8 +145,8 @@ int list(Tool& tool, Arguments const& arguments) {
     return yes;
   }
   for (auto const& [name, pairs] : contents.sections) {
-    tool.output.line(std::string("[").append(utf8(name)).append("]"));
-    for (auto const& [key, value] : pairs) tool.output.line(utf8(key) + "=" + utf8(value));
+    tool.output.line(std::string("[").append(shown(name)).append("]"));
+    for (auto const& [key, value] : pairs) tool.output.line(shown(key) + "=" + shown(value));
   }
   return yes;
 }
@@ -211,7 +214,10 @@ int set(Tool& tool, Arguments const& arguments) {
     throw cannotChange(arguments.file, errno);
   }
   std::string const after = Input(path).readAll();
-  if (scratch) tool.output.write(after);
+  if (scratch) {
+    scratch.reset();
+    tool.output.write(after);
+  }
   tellChange(tool, arguments.file, before != after);
   return yes;
 }
@@ -293,19 +299,21 @@ int sort(Tool& tool, Arguments const& arguments) {
   refuseIrregular(arguments.file);
   Contents const contents = readParsed(tool, arguments.file);
   refuseLosses(arguments, contents);
-  ScratchFile const scratch("");
-  if (!writeSections(tool, scratch, contents.sections)) {
+  std::optional<ScratchFile> scratch;
+  scratch.emplace("");
+  if (!writeSections(tool, *scratch, contents.sections)) {
     throw Failure(titleOf(arguments.file) +
                   (contents.sections.contains(L"")
                        ? ": the pairs before the first section would not read back"
                        : ": it would not read back"));
   }
-  std::string const sorted = scratch.bytes();
+  std::string const sorted = scratch->bytes();
   bool const isChanged = sorted != contents.bytes;
   if (isStandardStream(arguments.file)) {
+    scratch.reset();
     tool.output.write(sorted);
   } else if (isChanged) {
-    replace(arguments.file, scratch);
+    replace(arguments.file, *scratch);
   }
   tellChange(tool, arguments.file, isChanged);
   return yes;

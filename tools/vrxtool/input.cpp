@@ -19,7 +19,6 @@ namespace vrxtool {
 namespace {
 
 constexpr std::size_t kFirstBlock = 65536;
-constexpr std::size_t kMostBytes = 512UL << 20;
 
 void writeAll(int file, std::string_view bytes, char const* title) {
   while (!bytes.empty()) {
@@ -99,8 +98,8 @@ std::string Input::readAll() {
     std::size_t const count = readFully(bytes.data() + size, bytes.size() - size);
     size += count;
     bool const isEnd = size < bytes.size();
-    if (!isEnd && size > kMostBytes) throw cannot("read", title_, EFBIG);
-    bytes.resize(isEnd ? size : 2 * size);
+    if (size > kMostBytes) throw cannot("read", title_, EFBIG);
+    bytes.resize(isEnd ? size : std::min(2 * size, kMostBytes + 1));
     if (isEnd) return bytes;
   }
 }

@@ -2,6 +2,8 @@
 
 #pragma once
 
+#include "tools/vrxtool/signals.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -9,6 +11,9 @@
 #include <string_view>
 
 namespace vrxtool {
+
+/// More than this is not held in memory: what has no end would fill it.
+inline constexpr std::size_t kMostBytes = 512UL << 20;
 
 /// Whether a FILE stands for standard input, or output.
 inline bool isStandardStream(std::string_view name) { return name == "-"; }
@@ -64,7 +69,7 @@ private:
 };
 
 /// A file that operations may replace, in a folder of its own that only this user may
-/// enter, and that goes with the object.
+/// enter, and that goes with the object. Signals wait so long.
 class ScratchFile {
 public:
   explicit ScratchFile(std::string_view bytes);
@@ -77,6 +82,7 @@ public:
   std::string bytes() const { return Input(path()).readAll(); }
 
 private:
+  SignalsBlocked blocked_;  // else what ends the tool would leave it behind
   std::string folder_;
 };
 

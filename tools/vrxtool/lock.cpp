@@ -3,6 +3,7 @@
 #include "tools/vrxtool/command_line.h"
 #include "tools/vrxtool/failure.h"
 #include "tools/vrxtool/json.h"
+#include "tools/vrxtool/signals.h"
 #include "tools/vrxtool/text.h"
 #include "tools/vrxtool/tool.h"
 
@@ -162,10 +163,18 @@ private:
 /// Readers share a lock, a writer has it alone.
 enum class Mode { read, write };
 
+/// The library would take a folder for a key file, which then nobody sees as one.
+void refuseFolder(std::string const& name) {
+  std::error_code error;
+  if (!std::filesystem::is_directory(UnixLock::getKeyFolder() + name, error)) return;
+  throw Failure("no lock " + name + ": it is the name of a folder");
+}
+
 /// A lock that the tool takes part in.
 class Lock {
 public:
   Lock(Tool& tool, std::string const& name, Mode mode) : name_(name), mode_(mode) {
+    refuseFolder(name);
     tool.records.clear();
     try {
       lock_ = std::make_unique<UnixLock>(name);
@@ -230,26 +239,6 @@ std::vector<char*> pointersTo(std::vector<std::string>& texts) {
   pointers.push_back(nullptr);
   return pointers;
 }
-
-/// All signals wait as long as it lives.
-class SignalsBlocked {
-public:
-  SignalsBlocked() {
-    sigset_t all;
-    ::sigfillset(&all);
-    ::pthread_sigmask(SIG_BLOCK, &all, &before_);
-  }
-
-  ~SignalsBlocked() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-
-  SignalsBlocked(SignalsBlocked const&) = delete;
-  SignalsBlocked& operator=(SignalsBlocked const&) = delete;
-
-  sigset_t const& before() const { return before_; }
-
-private:
-  sigset_t before_;
-};
 
 /// Starts the command, which gets environment and signals as the tool got them, but for a
 /// SIGCHLD that is ignored; not when a signal has asked for the end.
@@ -464,6 +453,8 @@ int showStatus(Tool& tool, Arguments const& arguments) {
 
 // ---- removing one
 
+void endLine() { static_cast<void>(!::write(STDERR_FILENO, "\n", 1)); }
+
 /// Whether the user, on standard input, answers with yes.
 bool asksUser(std::string const& question) {
   std::string const text = "vrxtool: " + printable(question, Backslash::asItIs) + " [y/N] ";
@@ -473,6 +464,7 @@ bool asksUser(std::string const& question) {
   for (char c = 0; answer.size() < kLongEnough && ::read(STDIN_FILENO, &c, 1) == 1 && c != '\n';) {
     answer += c;
   }
+  if (::isatty(STDIN_FILENO) != 1) endLine();
   return answer == "y" || answer == "Y" || answer == "yes";
 }
 
@@ -530,7 +522,9 @@ constexpr CommandText kStatus{
     "status", "Show a lock, or all of them, without touching them",
     "USERS hold the lock, a WRITER among them; ATTACHED objects are those that may take\n"
     "it. LAST PROCESSES are the ids of those that last operated on users, writer and\n"
-    "attached objects; they may have ended. A lock with - has a key file alone.",
+    "attached objects; they may have ended. A lock with - has a key file alone. With\n"
+    "--json, owner is a user id, lastOperation in seconds since 1970, and set null where\n"
+    "there is a key file alone.",
     "vrxtool lock status"};
 
 constexpr CommandText kClean{

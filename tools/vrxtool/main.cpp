@@ -70,14 +70,19 @@ std::vector<std::string> environment() {
 /// Cuts off the command that `lock read` and `lock write` are to run: CLI11 must not look
 /// for options in it.
 std::vector<std::string> cutCommand(std::vector<std::string>& arguments) {
-  auto const lock = std::find_if(arguments.begin(), arguments.end(),
-                                 [](std::string_view word) { return !word.starts_with('-'); });
-  if (lock == arguments.end() || *lock != "lock") return {};
-  auto const mark = std::find(lock, arguments.end(), "--");
+  auto const nextWord = [&](auto from) {
+    return std::find_if(from, arguments.end(),
+                        [](std::string_view word) { return !word.starts_with('-'); });
+  };
+  auto const family = nextWord(arguments.begin());
+  if (family == arguments.end() || *family != "lock") return {};
+  auto const command = nextWord(family + 1);
+  if (command == arguments.end() || (*command != "read" && *command != "write")) return {};
+  auto const mark = std::find(command, arguments.end(), "--");
   if (mark == arguments.end()) return {};
-  std::vector<std::string> command(mark + 1, arguments.end());
+  std::vector<std::string> cut(mark + 1, arguments.end());
   arguments.erase(mark, arguments.end());
-  return command;
+  return cut;
 }
 
 void addFamilies(vrxtool::CommandLine& line, Tool& tool) {

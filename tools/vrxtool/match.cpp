@@ -8,6 +8,7 @@
 #include <vrxutil/system.h>
 
 #include <array>
+#include <cerrno>
 #include <memory>
 #include <optional>
 #include <string>
@@ -25,13 +26,15 @@ struct Arguments {
 /// Writes the lines that match.
 class Filter {
 public:
-  Filter(Output& output, std::string const& pattern) : output_(output), pattern_(pattern) {}
+  Filter(Output& output, std::string const& pattern, std::string const& title)
+      : output_(output), pattern_(pattern), title_(title) {}
 
   /// The next part of the text, which may end within a line.
   void add(std::string_view text) {
     while (true) {
       std::size_t const end = text.find('\n');
       line_ += text.substr(0, end);
+      if (line_.size() > kMostBytes) throw cannot("read", title_, EFBIG);
       if (end == std::string_view::npos) return;
       finishLine();
       text.remove_prefix(end + 1);
@@ -55,13 +58,14 @@ private:
 
   Output& output_;
   std::string const& pattern_;
+  std::string const& title_;
   std::string line_;
   bool anyMatches_ = false;
 };
 
 int match(Tool& tool, Arguments const& arguments) {
   Input input(arguments.file.value_or("-"));
-  Filter filter(tool.output, arguments.pattern);
+  Filter filter(tool.output, arguments.pattern, input.title());
   auto const block = std::make_unique<std::array<char, 65536>>();
   while (std::size_t const size = input.read(block->data(), block->size())) {
     filter.add({block->data(), size});

@@ -190,7 +190,7 @@ int dump(Tool& tool, Arguments const& arguments) {
 
 constexpr CommandText kDump{
     "dump", "Show binary records as a table",
-    "FIELDS are parted by commas, one after the other as in the record:\n"
+    "FIELDS are parted by commas, one after the other as in the record.\n"
     "\n"
     "Fields:\n"
     "  l    a number of four bytes\n"
@@ -201,7 +201,8 @@ constexpr CommandText kDump{
     "\n"
     "Numbers have no sign. A record is a line, its fields parted by tabs; in texts\n"
     "\\ is doubled, and control characters and what is not UTF-8 are escaped. The file\n"
-    "may hold any number of records; one that is cut at its end is a failure.",
+    "may hold any number of records; one that is cut at its end is a failure. With\n"
+    "--json, bytes of texts that are not UTF-8 become U+FFFD.",
     "vrxtool record dump jobs.bin --fields l,s,c,10t --order big"};
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include "tools/vrxtool/command_line.h"
 #include "tools/vrxtool/failure.h"
 #include "tools/vrxtool/input.h"
+#include "tools/vrxtool/key.h"
 #include "tools/vrxtool/text.h"
 #include "tools/vrxtool/tool.h"
 
@@ -16,6 +17,8 @@
 #include <string_view>
 #include <utility>
 #include <vector>
+
+#include <sys/stat.h>
 
 namespace vrxtool {
 
@@ -34,9 +37,9 @@ struct Arguments {
 };
 
 /// Replaces the name that the library knows a file by.
-std::string withTitle(std::string text, std::string const& path, std::string const& file) {
+std::string withTitle(std::string text, std::string const& path, std::string const& title) {
   std::size_t const place = text.find(path);
-  return place == std::string::npos ? text : text.replace(place, path.size(), titleOf(file));
+  return place == std::string::npos ? text : text.replace(place, path.size(), title);
 }
 
 std::string lastXmlError() { return utf8(AdvXMLParser::GetLastXmlErrorMessage()); }
@@ -64,7 +67,8 @@ public:
 };
 
 [[noreturn]] void throwReadError(std::string const& path, std::string const& file) {
-  std::string const message = withTitle(lastXmlError(), path, file);
+  std::string const message = withTitle(lastXmlError(), path, titleOf(file));
+  if (wasDecrypted && !hasKey()) throw noKey();
   // The library has one answer for all that goes wrong with bytes that could be read.
   bool const isNoText = message.starts_with("cannot read " + titleOf(file) + ": invalid UTF-");
   if (isNoText) throw NoText(message);
@@ -122,19 +126,29 @@ std::wstring takeText(AnXml& xml, std::string const& file, bool indented) {
   }
 }
 
+/// Why a file, which the library knows by the name `path`, could not be written.
+Failure whyNotWritten(std::string const& path, std::string const& target, bool encrypted) {
+  std::string const reason = lastXmlError();
+  if (encrypted && !hasKey()) return noKey();
+  return Failure(isStandardStream(target) ? withTitle(reason, path, "standard output") : reason);
+}
+
 /// Writes text as a file of that kind, to standard output too.
 void writeText(Tool& tool, std::string const& target, std::wstring const& text, bool encrypted) {
   if (isStandardStream(target) && !encrypted) return tool.output.write(utf8(text));
   std::optional<ScratchFile> scratch;
   if (isStandardStream(target)) scratch.emplace("");
+  std::string const path = scratch ? scratch->path() : target;
   try {
-    AdvXMLParser::WriteBufferToFile(wide(scratch ? scratch->path() : target, "the name"), text,
-                                    UTF_ENCODINGS::UTF_8,
+    AdvXMLParser::WriteBufferToFile(wide(path, "the name"), text, UTF_ENCODINGS::UTF_8,
                                     encrypted ? ACryptWrap::encrypt_data : nullptr, nullptr);
   } catch (AdvXMLParser::ReadWriteException const&) {
-    throw Failure(lastXmlError());
+    throw whyNotWritten(path, target, encrypted);
   }
-  if (scratch) tool.output.write(scratch->bytes());
+  if (!scratch) return;
+  std::string const bytes = scratch->bytes();
+  scratch.reset();
+  tool.output.write(bytes);
 }
 
 /// The document as it stands, with the declaration and the last line end that it had.
@@ -352,6 +366,7 @@ int encrypt(Tool& tool, Arguments const& arguments) {
 int decryptFile(Tool& tool, Arguments const& arguments) {
   std::string const& target = targetOf(arguments);
   FileText const text = readText(arguments.file);
+  ::umask(S_IRWXG | S_IRWXO);  // a new file has what was secret
   bool const stays = !text.isEncrypted && !arguments.output && !isStandardStream(target);
   if (!stays) writeText(tool, target, text.text, /*encrypted=*/false);
   return yes;
@@ -374,8 +389,9 @@ constexpr CommandText kGet{"get", "Show an attribute, or the text, of an element
 constexpr CommandText kSet{
     "set", "Set an attribute of an element",
     "Says whether anything changed; where nothing would, FILE is not touched. An\n"
-    "encrypted file stays encrypted, and layout and comments stay as they are; FILE\n"
-    "becomes UTF-8 without a byte-order mark, and entities in it what they stand for.\n"
+    "encrypted file stays encrypted; lines, indentation and comments of the root element\n"
+    "stay. FILE becomes UTF-8 with line feeds; blank lines around the root element go, and\n"
+    "what a document type declares is put in its place.\n"
     "An empty ATTRIBUTE ('') means the text of an element without child elements.\n"
     "PATH is as for vrxtool xml get; what it leads to must be there.",
     "vrxtool xml set agent.xml 'agent/task[name=backup]' enabled true"};
@@ -395,7 +411,7 @@ constexpr CommandText kEncrypt{
 constexpr CommandText kDecrypt{"decrypt", "Decrypt a document",
                                "The text is what it was before it was encrypted, in UTF-8. A "
                                "file that is not\nencrypted stays as it is. Without -o, FILE "
-                               "itself is replaced.",
+                               "itself is replaced. A new OUT\nis for its owner alone.",
                                "vrxtool xml decrypt agent.xml -o -"};
 
 }  // namespace
