@@ -126,11 +126,12 @@ std::wstring takeText(AnXml& xml, std::string const& file, bool indented) {
   }
 }
 
-/// Why a file, which the library knows by the name `path`, could not be written.
-Failure whyNotWritten(std::string const& path, std::string const& target, bool encrypted) {
+/// The library knows the target by the name `path`.
+[[noreturn]] void throwWriteError(std::string const& path, std::string const& target,
+                                  bool encrypted) {
   std::string const reason = lastXmlError();
-  if (encrypted && !hasKey()) return noKey();
-  return Failure(isStandardStream(target) ? withTitle(reason, path, "standard output") : reason);
+  if (encrypted && !hasKey()) throw noKey();
+  throw Failure(isStandardStream(target) ? withTitle(reason, path, "standard output") : reason);
 }
 
 /// Writes text as a file of that kind, to standard output too.
@@ -143,7 +144,7 @@ void writeText(Tool& tool, std::string const& target, std::wstring const& text, 
     AdvXMLParser::WriteBufferToFile(wide(path, "the name"), text, UTF_ENCODINGS::UTF_8,
                                     encrypted ? ACryptWrap::encrypt_data : nullptr, nullptr);
   } catch (AdvXMLParser::ReadWriteException const&) {
-    throw whyNotWritten(path, target, encrypted);
+    throwWriteError(path, target, encrypted);
   }
   if (!scratch) return;
   std::string const bytes = scratch->bytes();
