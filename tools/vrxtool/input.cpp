@@ -108,7 +108,7 @@ MemoryFile::MemoryFile(std::string_view bytes) : file_(openNameless()) {
   if (file_ < 0) throw cannot("make", "a temporary file", errno);
   try {
     writeAll(file_, bytes, "a temporary file");
-    // Nobody who takes the name of a file could open it where /proc is not mounted.
+    // Nobody who takes the name of a file could open it where the host has no /dev/fd.
     if (::access(path().c_str(), R_OK) != 0) throw cannot("open", path(), errno);
   } catch (...) {
     ::close(file_);
