@@ -167,7 +167,8 @@ TEST_F(Base64CommandTest, ProgressIsShownOnATerminal) {
     GTEST_SKIP() << "the host has no terminals for tests";
   }
   bigFile(160 << 20);
-  std::string const wiped = "\r" + std::string(60, ' ') + "\r";
+  std::string wiped(62, ' ');
+  wiped.front() = wiped.back() = '\r';
   EXPECT_EQ(shell("script -qec 'vrxtool base64 encode big >/dev/null' /dev/null </dev/null").output,
             "\rvrxtool: 64 MiB of 160 MiB, 40 %\rvrxtool: 128 MiB of 160 MiB, 80 %" + wiped);
   EXPECT_EQ(

@@ -255,9 +255,9 @@ TEST_P(IniLineTest, CountsLinesAsAnEditorDoes) {
        {Lines{"", 0}, Lines{"\n", 1}, Lines{"\r", 1}, Lines{"\r\n", 1}, Lines{"\n\r", 2},
         Lines{"a=1\nb=2\n", 2}, Lines{"a=1\rb=2\r", 2}, Lines{"a=1\r\nb=2\r\n", 2},
         Lines{"\r\r\n\n", 3}, Lines{"[a]\r\n;\r\rx=\n", 4}, Lines{"\xEF\xBB\xBF; \u20AC\r\n", 1}}) {
-    std::string const place = ":" + std::to_string(lines.count + 1) + ": ";
-    EXPECT_EQ(runOn(lines.text + GetParam().text, "ini check -"),
-              answeredNo("standard input" + place + GetParam().reason));
+    std::string reason = "standard input:";
+    reason.append(std::to_string(lines.count + 1)).append(": ").append(GetParam().reason);
+    EXPECT_EQ(runOn(lines.text + GetParam().text, "ini check -"), answeredNo(reason));
   }
 }
 
