@@ -299,10 +299,11 @@ TEST_F(LockCommandTest, AKeyThatSignalsBothIsNotHandedOn) {
        "echo >ready; until [ \"$n\" ]; do :; done\n"
        "kill -CONT $PPID; until is 'ShdPnd:.0*$' && is State:.S; do :; done\n"
        "echo $n >counted; exit 5\n");
+  file("terminal", "trap : INT QUIT; vrxtool lock read jobs -- sh count; exit $?\n");
   expectInWorld([this] {
     for (std::string const key : {"003", "034"}) {  // those of SIGINT and SIGQUIT
       EXPECT_EQ(shell("mkfifo ready; { read line <ready; printf '\\" + key +
-                      "'; } | script -qec 'vrxtool lock read jobs -- sh count; exit $?' /dev/null "
+                      "'; } | script -qec 'exec sh terminal' /dev/null "
                       ">/dev/null; echo $?; cat counted; rm ready"),
                 done("5\n1\n"));
     }

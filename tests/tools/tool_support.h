@@ -41,12 +41,13 @@ inline ToolResult failed(std::string const& line) { return {2, "", "vrxtool: " +
 
 class ToolTest : public testing::Test {
 protected:
-  /// Runs lines of a shell in the folder; `vrxtool` is a command there.
+  /// Runs lines of a shell in the folder; `vrxtool` is a command there. What starts shells on
+  /// its own, as script(1) does, starts this one, too.
   ToolResult shell(std::string const& lines) const {
-    std::string const command = "cd '" + folder.path() + "' && export VRX_DATA_DIR='" +
-                                data.path() + "' PATH='" + VRXTOOL_FOLDER + "':\"$PATH\" && {\n" +
-                                lines + "\n} >'" + outputs_ / "out" + "' 2>'" + outputs_ / "err" +
-                                "'";
+    std::string const command = "cd '" + folder.path() +
+                                "' && export SHELL=/bin/sh VRX_DATA_DIR='" + data.path() +
+                                "' PATH='" + VRXTOOL_FOLDER + "':\"$PATH\" && {\n" + lines +
+                                "\n} >'" + outputs_ / "out" + "' 2>'" + outputs_ / "err" + "'";
     int const status = std::system(command.c_str());
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, fileBytes(outputs_ / "out"),
             fileBytes(outputs_ / "err")};
