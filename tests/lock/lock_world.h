@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace vrxutil::test {
@@ -52,6 +53,7 @@ inline bool enterWorld() {
                            : enterUserNamespace(CLONE_NEWNS | CLONE_NEWIPC) &&
                                  ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
   constexpr char kStage[] = "/mnt";
+  ::umask(022);  // scenarios have other users, too
   if (!isAlone || !buildRoot(kStage)) return false;
   std::filesystem::path const here = std::filesystem::current_path();
   if (::chroot(kStage) != 0 || ::chdir(here.c_str()) != 0) return false;

@@ -7,6 +7,7 @@ trap 'rm -rf --one-file-system "$work"' EXIT
 trap 'exit 1' HUP INT TERM
 LC_ALL=C.UTF-8
 export LC_ALL
+umask 022  # dpkg refuses packages with other modes
 
 subject=packages
 # shellcheck source=tests/package/support.sh

@@ -344,6 +344,7 @@ std::vector<long> renameCalls() {
 
 TEST(CopyFileTest, FailuresOfTheDiskLeaveTheTarget) {
   TemporaryFolder const folder;
+  UmaskScope const umask(022);  // else there might be no mode to change
   makeFile(folder / "source", "new");
   makeFile(folder / "target", "old");
   std::vector<test::Fault> const faults{

@@ -8,10 +8,22 @@
 #include <iterator>
 #include <stdexcept>
 
+#include <unistd.h>
+
 namespace vrxutil::test {
 
+namespace {
+
+/// TMPDIR may be closed to a user that a test becomes.
+std::filesystem::path temporaryPlace() {
+  std::filesystem::path const place = std::filesystem::temp_directory_path();
+  return ::access(place.c_str(), W_OK | X_OK) == 0 ? place : "/tmp";
+}
+
+}  // namespace
+
 TemporaryFolder::TemporaryFolder() {
-  std::string name = (std::filesystem::temp_directory_path() / "vrxutil-test-XXXXXX").string();
+  std::string name = (temporaryPlace() / "vrxutil-test-XXXXXX").string();
   if (::mkdtemp(name.data()) == nullptr) throw std::runtime_error("cannot make " + name);
   path_ = name;
 }
