@@ -219,11 +219,12 @@ TEST_F(LockCommandTest, AStopDoesNotEndAWait) {
 
 TEST_F(LockCommandTest, ASignalThatAsksForTheEndIsHandedOn) {
   expectInWorld([this] {
+    file("command",
+         "trap 'exit 5' $1\n"
+         "until grep -q '^State:.S' /proc/$PPID/status; do :; done\n"  // it waits for this
+         "kill -$1 $PPID; while :; do :; done\n");
     for (std::string const name : {"TERM", "INT", "HUP", "QUIT"}) {
-      EXPECT_EQ(run("lock write jobs -- sh -c 'trap \"exit 5\" " + name + "; kill -" + name +
-                    " $PPID; while :; do :; done'")
-                    .status,
-                5);
+      EXPECT_EQ(run("lock write jobs -- sh command " + name).status, 5);
     }
     expectNothingLeft();
   });
