@@ -6,7 +6,8 @@ work=$(mktemp -d "$build/packages.XXXXXX")
 trap 'rm -rf --one-file-system "$work"' EXIT
 trap 'exit 1' HUP INT TERM
 LC_ALL=C.UTF-8
-export LC_ALL
+PATH=$PATH:/usr/sbin:/sbin  # where dpkg finds what it needs
+export LC_ALL PATH
 umask 022  # dpkg refuses packages with other modes
 
 subject=packages
