@@ -76,16 +76,21 @@ TEST(LockStatusTest, ShowsWhoHasTheLock) {
 
 TEST(LockStatusTest, ShowsTheProcessesThatOperatedLast) {
   expectInWorld([] {
-    UnixLock const ours("jobs");
-    auto const held = vrxutil::test::runInChild([] {
+    UnixLock ours("jobs");
+    ASSERT_TRUE(ours.tryReadLock());
+    auto const reader = vrxutil::test::runInChild([] {
       UnixLock lock("jobs");
       EXPECT_TRUE(lock.tryReadLock() && lock.readUnlock());
     });
-    ASSERT_EQ(held.status, 0) << held.standardError;
+    ASSERT_EQ(reader.status, 0) << reader.standardError;
+    EXPECT_TRUE(ours.readUnlock());
+    auto const visitor = vrxutil::test::runInChild([] { UnixLock const lock("jobs"); });
+    ASSERT_EQ(visitor.status, 0) << visitor.standardError;
     LockStatus status;
     ASSERT_TRUE(UnixLock::getStatus("jobs", status));
-    EXPECT_EQ(status.lastUserProcess, held.process);
-    EXPECT_EQ(status.lastReferenceProcess, held.process);
+    EXPECT_EQ(status.lastWriterProcess, reader.process);  // it saw that there was none
+    EXPECT_EQ(status.lastUserProcess, ::getpid());
+    EXPECT_EQ(status.lastReferenceProcess, visitor.process);
     EXPECT_EQ(status.users, 0U);
     EXPECT_EQ(status.references, 1U);
   });
