@@ -1,7 +1,9 @@
 // The sample counter as its user sees it: arguments, the file, what it prints, its exit
 // status, and what it leaves of its lock.
 
+#include "tests/file/file_support.h"
 #include "tests/lock/lock_support.h"
+#include "tests/support/other_user.h"
 #include "tests/support/temporary_folder.h"
 
 #include <gtest/gtest.h>
@@ -12,15 +14,18 @@
 #include <string>
 
 #include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
 namespace fs = std::filesystem;
 using vrxutil::test::exists;
+using vrxutil::test::expectAllowedInChild;
 using vrxutil::test::expectInWorld;
 using vrxutil::test::expectNothingLeft;
 using vrxutil::test::fileBytes;
-using vrxutil::test::holdsUnprivileged;
+using vrxutil::test::leaveAsNotAllowed;
+using vrxutil::test::leaveRoot;
 using vrxutil::test::makeFile;
 using vrxutil::test::TemporaryFolder;
 
@@ -89,14 +94,16 @@ INSTANTIATE_TEST_SUITE_P(All, SharedCounterArgumentsTest,
 
 TEST_F(SharedCounterTest, IsForRoot) {
   fs::permissions(folder.path(), fs::perms::all);
-  EXPECT_TRUE(holdsUnprivileged([&] {
+  expectAllowedInChild("other users may not run the example here", [&] {
+    ASSERT_TRUE(leaveRoot());
+    if (::access(COUNTER_PROGRAM, X_OK) != 0) leaveAsNotAllowed();
     Result const result = run("count 1 1 1");
     EXPECT_EQ(result.status, 2);
     EXPECT_TRUE(
         result.errors.starts_with("shared_counter: only root's processes can share a lock\n"))
         << result.errors;
-  }));
-  EXPECT_FALSE(exists(folder / "count"));
+    EXPECT_FALSE(exists(folder / "count"));
+  });
 }
 
 TEST_F(SharedCounterTest, NeedsTheLockFolder) {
